@@ -1,0 +1,102 @@
+#include "KTProperties.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <utility>
+
+#include "KTException.h"
+#include "KTLinePieces.h"
+
+namespace {
+
+bool isBlank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+
+}  // namespace
+
+KTProperty::KTProperty(const char* name, const char* value) : m_name(copy(name)), m_value(copy(value)) {}
+
+char* KTProperty::copy(const char* str) {
+  KT_ASSERT(str);
+  const size_t size = strlen(str) + 1;
+  OwnedChars dest(new char[size]);
+  KT_ASSERT(dest);
+  memcpy(dest.get(), str, size);
+  return dest.release();
+}
+
+void KTProperty::setValue(const char* value) {
+  KT_ASSERT(value);
+  m_value.reset(copy(value));
+}
+
+const char* KTProperty::getName() const { return m_name.get(); }
+
+const char* KTProperty::getValue() const { return m_value.get(); }
+
+bool KTProperties::load(const char* filename) {
+  KT_ASSERT(filename);
+  const OwnedFile file(fopen(filename, "rb"));
+  if (!file) return false;
+  KTLinePieces pieces(file.get());
+  while (char* line = pieces.next()) loadLine(line);
+  return true;
+}
+
+void KTProperties::loadLine(char* line) {
+  char* cursor = skipWhiteSpaces(line);
+  if (*cursor == '#' || *cursor == '\0') return;
+  const char* name = getNextValue(cursor, '=');
+  if (!name || *name == '\0') return;
+  replace(cursor, '"', ' ');
+  setProperty(name, trim(cursor));
+}
+
+const char* KTProperties::getProperty(const char* name) {
+  KT_ASSERT(name);
+  const auto found = find(name);
+  return found == properties.end() ? nullptr : (*found)->getValue();
+}
+
+void KTProperties::setProperty(const char* name, const char* value) {
+  KT_ASSERT(name);
+  KT_ASSERT(value);
+  const auto found = find(name);
+  if (found == properties.end())
+    properties.push_back(std::make_unique<KTProperty>(name, value));
+  else
+    (*found)->setValue(value);
+}
+
+void KTProperties::remove(const char* name) {
+  KT_ASSERT(name);
+  const auto found = find(name);
+  if (found != properties.end()) properties.erase(found);
+}
+
+void KTProperties::clear() { properties.clear(); }
+
+void KTProperties::replace(char* text, char from, char to) { std::replace(text, text + strlen(text), from, to); }
+
+char* KTProperties::skipWhiteSpaces(char* text) {
+  while (isBlank(*text)) ++text;
+  return text;
+}
+
+char* KTProperties::trim(char* text) {
+  char* first = skipWhiteSpaces(text);
+  for (char* end = first + strlen(first); end > first && isBlank(end[-1]); --end) end[-1] = '\0';
+  return first;
+}
+
+char* KTProperties::getNextValue(char*& cursor, char separator) {
+  char* found = strchr(cursor, separator);
+  if (!found) return nullptr;
+  *found = '\0';
+  return trim(std::exchange(cursor, found + 1));
+}
+
+KTProperties::PropertyList::iterator KTProperties::find(const char* name) {
+  return std::find_if(properties.begin(), properties.end(),
+                      [name](const auto& property) { return strcmp(property->getName(), name) == 0; });
+}

@@ -1,0 +1,87 @@
+#include "KTSemaphore.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <exception>
+
+#include "KTException.h"
+
+namespace {
+
+constexpr mode_t kLockFileMode = 0660;
+constexpr int64_t kMillisecondsPerSecond = 1000;
+constexpr long kNanosecondsPerMillisecond = 1000000;
+constexpr int kTimeoutCode = 1;
+
+std::string chosenDirectory(const std::string& given) {
+  if (!given.empty()) return given;
+  const char* variable = getenv("LOCK_VAR");
+  return variable ? variable : ".";
+}
+
+KTIOException ioFailure(const char* what, const std::string& name) {
+  const int failure = errno;
+  return {failure, what + name + " [" + strerror(failure) + "]"};
+}
+
+// 10 to 989 milliseconds.
+int drawPause() { return static_cast<int>(rand() * 980.0 / 2147483648.0) + 10; }
+
+void sleepFor(int milliseconds) {
+  const timespec pause = {0, milliseconds * kNanosecondsPerMillisecond};
+  nanosleep(&pause, nullptr);  // a pause cut short by a signal only brings the next attempt forward
+}
+
+}  // namespace
+
+KTSemaphore::KTSemaphore(const std::string& lockName, bool unlockAtEnd) : KTSemaphore(lockName, "", unlockAtEnd) {}
+
+KTSemaphore::KTSemaphore(const std::string& lockName, const std::string& lockDirectory, bool unlockAtEnd)
+    : name(lockName), directory(chosenDirectory(lockDirectory)), autoUnlock(unlockAtEnd) {}
+
+KTSemaphore::~KTSemaphore() noexcept(false) {
+  if (!autoUnlock) return;
+  try {
+    unlock();
+  } catch (...) {
+    if (std::uncaught_exceptions() == 0) throw;
+  }
+}
+
+bool KTSemaphore::lockResource() {
+  errno = 0;
+  const int descriptor = open(lockFile().c_str(), O_RDONLY | O_CREAT | O_EXCL, kLockFileMode);
+  if (descriptor < 0) {
+    if (errno == EEXIST) return false;
+    throw ioFailure("Creating semaphore failed: ", name);
+  }
+  close(descriptor);
+  locked = true;
+  return true;
+}
+
+bool KTSemaphore::lock(int timeout) {
+  int64_t budget = timeout * kMillisecondsPerSecond;  // spent by the pauses alone, not by the attempts
+  while (!lockResource()) {
+    if (timeout != 0 && budget <= 0) throw KTTimeoutException(kTimeoutCode, "Semaphore timed out");
+    const int pause = drawPause();
+    sleepFor(pause);
+    if (timeout > 0) budget -= pause;
+  }
+  return true;
+}
+
+void KTSemaphore::unlock() {
+  if (!locked && !lockedElsewhere) return;
+  errno = 0;
+  if (unlink(lockFile().c_str()) != 0 && errno != ENOENT) throw ioFailure("Releasing semaphore failed: ", name);
+  locked = false;
+}
+
+std::string KTSemaphore::lockFile() const { return directory + "/semaphore_" + name; }

@@ -1,0 +1,45 @@
+// KTDirtyFlagHandler: the set of "dirty" resources of one repository, those of which copies may lie on
+// several mounts because a mount was away when they were made or moved. The set is loaded once from the file
+// ".dirty" in the repository's root and written through on every change. Each operation holds the set's own
+// lock, which is always the inner one; each process works on its own copy, and the last writer's set stands
+// in the file. An object belongs to one thread.
+
+#ifndef REPOSITORYHANDLER_KTDIRTYFLAGHANDLER_H
+#define REPOSITORYHANDLER_KTDIRTYFLAGHANDLER_H
+
+#include <set>
+#include <string>
+
+#include "KTApi.h"
+
+class KT_API KTDirtyFlagHandler {
+ public:
+  // Names the file after the repository at `repository` and adds what it holds to the set. A missing file
+  // adds nothing; so does a lock that is not taken within 30 seconds (logged). Throws KTAssertionException for
+  // a null, or when the file is there and cannot be opened.
+  //
+  // The file holds one id per line, sorted by bytes. It is read in pieces of 1023 bytes, each an id of its
+  // own, an empty line being the empty id.
+  void setRepository(const char* repository);
+  // Whether `id` is in the set; true as well when the lock is not taken within 30 seconds (logged), so that
+  // the caller looks everywhere. Throws KTAssertionException for a null.
+  bool isDirty(const char* id);
+  // Puts `id` in the set or takes it out, and rewrites the file when that changed the set. Does nothing when
+  // the lock is not taken within 30 seconds (logged). Throws KTAssertionException for a null, or when the file
+  // cannot be opened.
+  void setDirty(const char* id, bool dirty);
+  // Empties the set and rewrites the file; otherwise as setDirty.
+  void clearDirtySet();
+  // Writes the set over the file. The caller holds the set's lock. Returns what closing the file returned, 0
+  // on success. Throws KTAssertionException when the file cannot be opened.
+  int writeSetFile();
+
+  std::set<std::string> dirtySet;
+  std::string setFile;
+
+ private:
+  bool lockSet(class KTSemaphore& semaphore) const;
+  std::string lockName() const;
+};
+
+#endif

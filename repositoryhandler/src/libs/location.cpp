@@ -1,0 +1,316 @@
+// Find, create, remove and list resources: the mount layer first, then the repository layer above it.
+
+#include <utime.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "KTOwned.h"
+#include "KTRepositoryHandler.h"
+#include "assertionsites.h"
+#include "filestatus.h"
+#include "hashlayout.h"
+#include "librarylog.h"
+#include "listing.h"
+#include "locking.h"
+#include "messages.h"
+#include "paths.h"
+#include "transfer.h"
+
+namespace {
+
+// Another process may remove an empty hash directory between two steps of making a path; then it is made
+// again.
+constexpr int kMakeAttempts = 5;
+
+void report(int* result, int value) {
+  if (result) *result = value;
+}
+
+char* notCreated(int* result) {
+  report(result, kResourceNotCreated);
+  return nullptr;
+}
+
+// False for an id of nothing but "/": a path made from it is the directory that holds the resources. Such an
+// id is never deleted, imported or joined.
+bool namesResource(const char* id) { return id[strspn(id, "/")] != '\0'; }
+
+std::string withoutOuterSlashes(const std::string& id) {
+  const size_t first = id.find_first_not_of('/');
+  if (first == std::string::npos) return "";
+  return id.substr(first, id.find_last_not_of('/') - first + 1);
+}
+
+void dropTrailingSlash(std::string& path) {
+  if (!path.empty() && path.back() == '/') path.pop_back();
+}
+
+void setTimesToNow(const std::string& path) { utime(path.c_str(), nullptr); }
+
+void logNotMade(const std::string& directory, int failure) {
+  rh_logger.errorLog(
+      ("Error occured while creating directory " + quoted(directory) + ". Error code is " + std::to_string(failure))
+          .c_str());
+}
+
+bool makeDirectory(const std::string& directory) {
+  for (int attempt = 0; attempt < kMakeAttempts; ++attempt)
+    if (mkdirs(directory.c_str(), kDirectoryMode) == 0) return true;
+  logNotMade(directory, errno);
+  return false;
+}
+
+// Moves the earlier of two copies of a dirty resource into the later one. Returns 0, or what to report.
+int joinCopies(const char* earlier, const char* later, int laterMountStatus) {
+  bool isDirectory = false;
+  if (isDir(earlier, &isDirectory, nullptr) != 0 || !isDirectory || (laterMountStatus & MOUNT_FULL))
+    return kResourceConflict;
+  const int moved = moveRes(earlier, later);
+  rh_logger.debugLog("--- Dirty conflict handling ---");
+  if (moved == kTransferred) clearEmptyHash(earlier);
+  return moved;
+}
+
+}  // namespace
+
+char* KTMountPointHandler::getLocation(const char* id, int* result, int* mountStatus, bool touch) {
+  KT_ASSERT(id);
+  const int fresh = checkStatus(false);
+  report(mountStatus, fresh);
+  if (fresh == MOUNT_MISSING) return nullptr;
+  std::string closed(id);
+  if (closed.empty() || closed.back() != '/') closed += '/';  // so that the last component is hashed too
+  const OwnedChars hashed(convertToHashed_(closed.c_str()));
+  std::string path = mountPath + "/" + hashed.get();
+  if (hashed[0] != '\0') dropTrailingSlash(path);
+  if (!exists(path.c_str())) {
+    report(result, kResourceNotFound);
+    return nullptr;
+  }
+  if (touch) setTimesToNow(path);
+  writeToLog(path.c_str());
+  report(result, kResourceFound);
+  return mystrdup(path.c_str());
+}
+
+char* KTMountPointHandler::createLocation(const char* id, int* result) {
+  KT_ASSERT(id);
+  if (checkStatus(true) == MOUNT_MISSING) return notCreated(result);
+  const std::string subDirectory = withoutOuterSlashes(id);
+  assertAt(kOneComponent, subDirectory.find('/') == std::string::npos);
+  const OwnedChars hashed(convertToHashed_((subDirectory + "/").c_str()));
+  const OwnedChars levels(parentDir(hashed.get()));
+  std::string directory = mountPath + "/" + (levels ? levels.get() : "");
+  if (!levels) {  // an id without a name has no place
+    logNotMade(directory, EINVAL);
+    return notCreated(result);
+  }
+  dropTrailingSlash(directory);
+  if (!makeDirectory(directory)) return notCreated(result);
+  report(result, kResourceFound);
+  return mystrdup((directory + "/" + subDirectory).c_str());
+}
+
+char* KTMountPointHandler::createDirectory(const char* id, int* result) {
+  OwnedChars location(createLocation(id, result));
+  if (!location) return nullptr;
+  if (!makeDirectory(location.get())) return notCreated(result);
+  writeToLog(location.get());
+  return location.release();
+}
+
+int KTMountPointHandler::removeResource(const char* id) {
+  KT_ASSERT(id);
+  if (!namesResource(id)) return kResourceNotFound;
+  const OwnedChars location(getLocation(id, nullptr, nullptr, false));
+  if (!location) return kResourceNotFound;
+  const int result = deleteRes(location.get());
+  if (result == kTransferred) clearEmptyHash(location.get());
+  return result;
+}
+
+void KTMountPointHandler::listResources(std::list<std::string>& out, int typeFilter) {
+  if (checkStatus(true) == MOUNT_MISSING) return;
+  listResourcesRecursively(mountPath.c_str(), out, static_cast<unsigned int>(typeFilter), true, 0);
+}
+
+// The lock goes back inside each operation, before the path is let go: should that fail, the path is freed.
+char* KTRepositoryHandler::getLocation(const char* resource, int* result, bool lock, bool touch) {
+  KT_ASSERT(resource);
+  OwnedChars location;
+  if (lock) {
+    KTSemaphore semaphore(lockNameOf(resource), true);
+    if (lockResource(semaphore)) location = locate(resource, result, touch);
+  } else {
+    location = locate(resource, result, touch);
+  }
+  return location.release();
+}
+
+char* KTRepositoryHandler::createLocation(const char* resource, int* result, bool noDirtyMark) {
+  return create(resource, result, noDirtyMark, &KTMountPointHandler::createLocation);
+}
+
+char* KTRepositoryHandler::createDirectory(const char* resource, int* result, bool noDirtyMark) {
+  return create(resource, result, noDirtyMark, &KTMountPointHandler::createDirectory);
+}
+
+char* KTRepositoryHandler::create(const char* resource, int* result, bool noDirtyMark, MountCreation creation) {
+  KT_ASSERT(resource);
+  OwnedChars location;
+  {
+    KTSemaphore semaphore(lockNameOf(resource), true);
+    if (lockResource(semaphore)) location = createUnderLock(resource, result, noDirtyMark, creation);
+  }
+  return location.release();
+}
+
+int KTRepositoryHandler::removeResource(const char* resource) {
+  KT_ASSERT(resource);
+  KTSemaphore semaphore(lockNameOf(resource), true);
+  if (!lockResource(semaphore)) return kResourceNotLocked;
+  if (dirtyFlagHandler.isDirty(resource)) {
+    const OwnedChars joined = locate(resource, nullptr, false);
+    if (dirtyFlagHandler.isDirty(resource)) return kResourceDirty;
+  }
+  return removeEverywhere(resource);
+}
+
+int KTRepositoryHandler::checkResourceStatus(const char* resource) {
+  int result = kResourceNotLocked;
+  const OwnedChars location(getLocation(resource, &result, true, false));
+  // A resource that stays in the legacy directory is found without a status.
+  return location && result == kResourceNotLocked ? kResourceFound : result;
+}
+
+bool KTRepositoryHandler::setTimeProperties(const char* resource, utimbuf* times) {
+  const OwnedChars location(getLocation(resource, nullptr, false, false));
+  return location && utime(location.get(), times) != -1;
+}
+
+bool KTRepositoryHandler::getTimeProperties(const char* resource, utimbuf* times) {
+  KT_ASSERT(times);
+  const OwnedChars location(getLocation(resource, nullptr, false, false));
+  struct stat found;
+  if (!location || myStat(location.get(), &found) != 0) return false;
+  times->actime = found.st_atime;
+  times->modtime = found.st_mtime;
+  return true;
+}
+
+char* KTRepositoryHandler::createToLegacy(const char* resource) {
+  KT_ASSERT(resource);
+  if (legacyDir.empty()) return nullptr;
+  const std::string path = legacyDir + "/" + resource;
+  return mkdirs(path.c_str(), kDirectoryMode) == 0 ? mystrdup(path.c_str()) : nullptr;
+}
+
+char** KTRepositoryHandler::listResources(int typeFilter, long* count, bool sort) {
+  KT_ASSERT(count);
+  std::list<std::string> names;
+  for (KTMountPointHandler* mount : mountPoints) mount->listResources(names, typeFilter);
+  if (!legacyDir.empty())
+    listResourcesRecursively(legacyDir.c_str(), names, static_cast<unsigned int>(typeFilter), false, 0);
+  if (sort) names.sort();
+  std::vector<OwnedChars> copies;
+  copies.reserve(names.size());
+  for (const std::string& name : names) copies.emplace_back(mystrdup(name.c_str()));
+  char** array = new char*[copies.size()];  // nothing below can fail
+  for (size_t i = 0; i < copies.size(); ++i) array[i] = copies[i].release();
+  *count = static_cast<long>(copies.size());
+  return array;
+}
+
+std::string KTRepositoryHandler::lockNameOf(const std::string& resource) const {
+  return OwnedChars(toResourceID(id.c_str(), resource.c_str())).get();
+}
+
+bool KTRepositoryHandler::lockResource(KTSemaphore& semaphore) const {
+  if (takeLock(semaphore)) return true;
+  rh_logger.errorLog(("The resource " + quoted(semaphore.name) + " could not be locked.").c_str());
+  return false;
+}
+
+OwnedChars KTRepositoryHandler::locate(const char* resource, int* result, bool touch) {
+  if (OwnedChars legacy = importFromLegacy(resource, touch)) return legacy;
+  return locateOnMounts(resource, result, touch);
+}
+
+// The legacy path when the resource is in the legacy directory and no mount may take it; otherwise null, and a
+// resource that was there is on a mount now, as far as it could be moved. A symbolic link stays where it is.
+OwnedChars KTRepositoryHandler::importFromLegacy(const char* resource, bool touch) {
+  if (legacyDir.empty() || !namesResource(resource)) return nullptr;
+  const std::string legacy = legacyDir + "/" + resource;
+  if (!exists(legacy.c_str()) || !isNotLink(legacy.c_str())) return nullptr;
+  const int target = getActualMountPointForLegacy();
+  writeToLegacyLog(legacy.c_str());
+  if (target < 0) {
+    if (touch) setTimesToNow(legacy);
+    return OwnedChars(mystrdup(legacy.c_str()));
+  }
+  const OwnedChars location(mountPoints[static_cast<size_t>(target)]->createLocation(resource, nullptr));
+  if (location) moveRes(legacy.c_str(), location.get());
+  return nullptr;
+}
+
+OwnedChars KTRepositoryHandler::locateOnMounts(const char* resource, int* result, bool touch) {
+  bool dirty = dirtyFlagHandler.isDirty(resource) && namesResource(resource);
+  bool someMountAway = false;
+  OwnedChars found;
+  for (KTMountPointHandler* mount : mountPoints) {
+    int mountStatus = 0;
+    OwnedChars here(mount->getLocation(resource, nullptr, &mountStatus, touch));
+    if (!here) {
+      if (mountStatus & MOUNT_MISSING) someMountAway = true;
+      continue;
+    }
+    if (found) {
+      if (const int conflict = joinCopies(found.get(), here.get(), mountStatus)) {
+        report(result, conflict);
+        return nullptr;
+      }
+    }
+    found = std::move(here);  // of a dirty resource the copy on the last mount wins
+    if (!dirty) break;        // a clean one is never searched for further copies
+  }
+  if (dirty && !someMountAway) {
+    dirtyFlagHandler.setDirty(resource, false);  // every copy has been seen
+    dirty = false;
+  }
+  report(result, !found ? kResourceNotFound : dirty ? kResourceDirty : kResourceFound);
+  return found;
+}
+
+OwnedChars KTRepositoryHandler::createUnderLock(const char* resource, int* result, bool noDirtyMark,
+                                                MountCreation creation) {
+  if (OwnedChars existing = locate(resource, result, false)) return existing;
+  // A copy may be on the mount that is away; the first look-up after its return joins the two.
+  if ((status & REPOSITORY_INCOMPLETE) && !noDirtyMark) dirtyFlagHandler.setDirty(resource, true);
+  const int target = getActualMountPoint();
+  if (target >= 0) return OwnedChars((mountPoints[static_cast<size_t>(target)]->*creation)(resource, result));
+  std::string text = "The repository " + quoted(id) + " is ";
+  text += status & REPOSITORY_MISSING ? "missing" : "full";
+  if (status & REPOSITORY_INCOMPLETE) text += " and incomplete";
+  rh_logger.errorLog(text.c_str());
+  report(result, kResourceNotCreated);
+  return nullptr;
+}
+
+int KTRepositoryHandler::removeEverywhere(const char* resource) {
+  bool found = false;
+  int result = 0;
+  for (KTMountPointHandler* mount : mountPoints) {
+    const int removed = mount->removeResource(resource);
+    if (removed & kResourceNotFound) continue;
+    found = true;
+    result |= removed;
+  }
+  const std::string legacy = legacyDir + "/" + resource;
+  if (!legacyDir.empty() && namesResource(resource) && exists(legacy.c_str())) {
+    found = true;
+    result |= deleteRes(legacy.c_str());
+  }
+  return found ? result : kResourceNotFound;
+}
