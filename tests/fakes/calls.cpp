@@ -1,0 +1,159 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "fakes/fakes.h"
+
+namespace {
+
+std::vector<FailingCall*>& failing() {
+  static auto* calls = new std::vector<FailingCall*>;  // outlives every test and destructor
+  return *calls;
+}
+
+CallWatch* watch = nullptr;
+
+bool strikes(const char* function, const char* path) {
+  CallWatch::note(function, path);
+  return FailingCall::strikes(function, path);
+}
+
+}  // namespace
+
+FailingCall::FailingCall(const std::string& called, int failure, const std::string& part, int skipped, int struck)
+    : function(called), error(failure), pathPart(part), skip(skipped), times(struck) {
+  failing().push_back(this);
+}
+
+FailingCall::~FailingCall() { std::erase(failing(), this); }
+
+bool FailingCall::matches(const std::string& called, const std::string& path) {
+  if (called != function || path.find(pathPart) == std::string::npos) return false;
+  if (skip > 0) {
+    --skip;
+    return false;
+  }
+  if (times == 0) return false;
+  if (times > 0) --times;
+  ++failures;
+  return true;
+}
+
+bool FailingCall::strikes(const char* function, const char* path) {
+  if (failing().empty()) return false;
+  for (FailingCall* call : failing()) {
+    if (!call->matches(function, path ? path : "")) continue;
+    errno = call->error;
+    return true;
+  }
+  return false;
+}
+
+CallWatch::CallWatch() { watch = this; }
+CallWatch::~CallWatch() { watch = nullptr; }
+
+void CallWatch::note(const char* function, const char* path) {
+  if (watch) watch->calls.push_back(std::string(function) + " " + (path ? path : "(null)"));
+}
+
+void CallWatch::noteLock(char sign, const char* path) {
+  const char* name = path ? strstr(path, "/semaphore_") : nullptr;
+  if (watch && name) watch->locks.push_back(sign + std::string(name + strlen("/semaphore_")));
+}
+
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if (flags & O_CREAT) {
+    va_list args;
+    va_start(args, flags);
+    mode = va_arg(args, mode_t);
+    va_end(args);
+  }
+  if (strikes("open", path)) return -1;
+  static const auto real = realFunction<int (*)(const char*, int, ...)>("open");
+  const int descriptor = real(path, flags, mode);
+  if (descriptor >= 0 && (flags & O_EXCL)) CallWatch::noteLock('+', path);
+  return descriptor;
+}
+
+int unlink(const char* path) noexcept {
+  if (strikes("unlink", path)) return -1;
+  static const auto real = realFunction<int (*)(const char*)>("unlink");
+  const int result = real(path);
+  if (result == 0) CallWatch::noteLock('-', path);
+  return result;
+}
+
+int mkdir(const char* path, mode_t mode) noexcept {
+  if (strikes("mkdir", path)) return -1;
+  static const auto real = realFunction<int (*)(const char*, mode_t)>("mkdir");
+  return real(path, mode);
+}
+
+int rmdir(const char* path) noexcept {
+  if (strikes("rmdir", path)) return -1;
+  static const auto real = realFunction<int (*)(const char*)>("rmdir");
+  return real(path);
+}
+
+int remove(const char* path) noexcept {
+  if (strikes("remove", path)) return -1;
+  static const auto real = realFunction<int (*)(const char*)>("remove");
+  return real(path);
+}
+
+int rename(const char* from, const char* to) noexcept {
+  if (strikes("rename", from)) return -1;
+  static const auto real = realFunction<int (*)(const char*, const char*)>("rename");
+  return real(from, to);
+}
+
+int utime(const char* path, const utimbuf* times) noexcept {
+  if (strikes("utime", path)) return -1;
+  static const auto real = realFunction<int (*)(const char*, const utimbuf*)>("utime");
+  return real(path, times);
+}
+
+FILE* fopen(const char* path, const char* mode) {
+  if (strikes("fopen", path)) return nullptr;
+  static const auto real = realFunction<FILE* (*)(const char*, const char*)>("fopen");
+  return real(path, mode);
+}
+
+int stat(const char* path, struct stat* out) noexcept {
+  if (strikes("stat", path)) return -1;
+  static const auto real = realFunction<int (*)(const char*, struct stat*)>("stat");
+  return real(path, out);
+}
+
+int access(const char* path, int mode) noexcept {
+  if (strikes("access", path)) return -1;
+  static const auto real = realFunction<int (*)(const char*, int)>("access");
+  return real(path, mode);
+}
+
+int symlink(const char* target, const char* link) noexcept {
+  if (strikes("symlink", link)) return -1;
+  static const auto real = realFunction<int (*)(const char*, const char*)>("symlink");
+  return real(target, link);
+}
+
+int scandir(const char* path, dirent*** names, int (*filter)(const dirent*),
+            int (*compare)(const dirent**, const dirent**)) {
+  if (strikes("scandir", path)) return -1;
+  static const auto real =
+      realFunction<int (*)(const char*, dirent***, int (*)(const dirent*), int (*)(const dirent**, const dirent**))>(
+          "scandir");
+  return real(path, names, filter, compare);
+}
+}
