@@ -23,7 +23,7 @@ class KTLinePieces {
 
  private:
   FILE* file;
-  char buffer[1024];  // the piece length is part of the file formats: it decides where long lines split
+  char buffer[1024] = "";  // the piece length is part of the file formats: it decides where long lines split
 };
 
 #endif

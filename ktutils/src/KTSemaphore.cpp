@@ -45,11 +45,12 @@ KTSemaphore::KTSemaphore(const std::string& lockName, bool unlockAtEnd) : KTSema
 KTSemaphore::KTSemaphore(const std::string& lockName, const std::string& lockDirectory, bool unlockAtEnd)
     : name(lockName), directory(chosenDirectory(lockDirectory)), autoUnlock(unlockAtEnd) {}
 
-KTSemaphore::~KTSemaphore() noexcept(false) {
+KTSemaphore::~KTSemaphore() noexcept(false) {  // NOLINT(bugprone-exception-escape)
   if (!autoUnlock) return;
   try {
     unlock();
   } catch (...) {
+    // cppcheck-suppress exceptThrowInDestructor
     if (std::uncaught_exceptions() == 0) throw;
   }
 }

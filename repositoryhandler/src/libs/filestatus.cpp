@@ -17,7 +17,7 @@ constexpr int kSpaceUnknown = 1;
 }  // namespace
 
 bool isNotLink(const char* path) {
-  char firstByte;
+  char firstByte = '\0';
   return readlink(path, &firstByte, sizeof firstByte) < 0 && errno == EINVAL;
 }
 

@@ -31,7 +31,7 @@ std::string hashed(const char* name, size_t length) {
     }
   }
   std::string result;
-  result.reserve(kHashLevels * (hashLength + 1) + length);
+  result.reserve(kCells + kHashLevels + length);
   for (unsigned int j = 0; j < kCells; ++j) {
     result += sHashTable[cells[j] % nHashTableSize];
     if ((j + 1) % hashLength == 0) result += '/';

@@ -1,7 +1,6 @@
 // KTRepositoryHandler: configuration and staleness.
 
 #include <cstring>
-#include <memory>
 
 #include "KTException.h"
 #include "KTProperties.h"
@@ -119,9 +118,8 @@ void KTRepositoryHandler::addMounts(const char* list) {
 }
 
 void KTRepositoryHandler::addMount(const std::string& path) {
-  auto mount = std::make_unique<KTMountPointHandler>(path, this);
-  mountPoints.push_back(mount.get());
-  mount.release();
+  mountPoints.reserve(mountPoints.size() + 1);  // first: between the making and the storing nothing may fail
+  mountPoints.push_back(new KTMountPointHandler(path, this));
 }
 
 void KTRepositoryHandler::removeMounts() {
