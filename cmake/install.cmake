@@ -25,6 +25,7 @@ install(EXPORT KTRepositoryHandlerTargets NAMESPACE KT:: DESTINATION ${package_d
 write_basic_package_version_file(KTRepositoryHandlerConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/KTRepositoryHandlerConfigVersion.cmake DESTINATION ${package_directory})
 
+file(RELATIVE_PATH pkgconfig_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/KTRepositoryHandler.pc.in KTRepositoryHandler.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/KTRepositoryHandler.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
