@@ -72,9 +72,13 @@ void KTException::print(FILE* stream) const {
 
 KTIOException::KTIOException(int code, const std::string& message) : KTException(code, message) {}
 
+KTIOException::~KTIOException() = default;
+
 void KTIOException::toString(std::string& out) const { out = codeAndMessage("IO Exception: ", *this); }
 
 KTTimeoutException::KTTimeoutException(int code, const std::string& message) : KTException(code, message) {}
+
+KTTimeoutException::~KTTimeoutException() = default;
 
 void KTTimeoutException::toString(std::string& out) const { out = codeAndMessage("Timeout Exception: ", *this); }
 
@@ -92,6 +96,8 @@ KTAssertionException::KTAssertionException(const char* expression, long line, co
   m_message = expand(format, args);
   va_end(args);
 }
+
+KTAssertionException::~KTAssertionException() = default;
 
 void KTAssertionException::toString(std::string& out) const {
   out = m_detailed ? assertionText(m_expression, m_line, m_file) + "\n" + m_message : m_message;

@@ -45,6 +45,9 @@ class KT_API KTException {
 class KT_API KTIOException : public KTException {
  public:
   KTIOException(int code, const std::string& message);
+  KTIOException(const KTIOException&) = default;
+  KTIOException& operator=(const KTIOException&) = default;
+  ~KTIOException() override;
   using KTException::toString;
   // "IO Exception: [code] message"
   void toString(std::string& out) const override;
@@ -54,6 +57,9 @@ class KT_API KTIOException : public KTException {
 class KT_API KTTimeoutException : public KTException {
  public:
   KTTimeoutException(int code, const std::string& message);
+  KTTimeoutException(const KTTimeoutException&) = default;
+  KTTimeoutException& operator=(const KTTimeoutException&) = default;
+  ~KTTimeoutException() override;
   using KTException::toString;
   // "Timeout Exception: [code] message"
   void toString(std::string& out) const override;
@@ -66,6 +72,9 @@ class KT_API KTAssertionException : public KTException {
   KTAssertionException(const char* expression, long line, const char* file);
   // The message is `format` expanded, cut to its first 1023 characters; it explains the assertion text.
   KTAssertionException(const char* expression, long line, const char* file, const char* format, ...);
+  KTAssertionException(const KTAssertionException&) = default;
+  KTAssertionException& operator=(const KTAssertionException&) = default;
+  ~KTAssertionException() override;
   using KTException::toString;
   // The assertion text; below it, when there is one, the explanation. No code.
   void toString(std::string& out) const override;

@@ -16,6 +16,8 @@ bool isBlank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
 
 KTProperty::KTProperty(const char* name, const char* value) : m_name(copy(name)), m_value(copy(value)) {}
 
+KTProperty::~KTProperty() = default;
+
 char* KTProperty::copy(const char* str) {
   KT_ASSERT(str);
   const size_t size = strlen(str) + 1;
@@ -33,6 +35,10 @@ void KTProperty::setValue(const char* value) {
 const char* KTProperty::getName() const { return m_name.get(); }
 
 const char* KTProperty::getValue() const { return m_value.get(); }
+
+KTProperties::KTProperties() = default;
+
+KTProperties::~KTProperties() = default;
 
 bool KTProperties::load(const char* filename) {
   KT_ASSERT(filename);

@@ -16,6 +16,9 @@ class KT_API KTProperty {
  public:
   // Copies both. Throws KTAssertionException "str" for a null.
   KTProperty(const char* name, const char* value);
+  ~KTProperty();
+  KTProperty(const KTProperty&) = delete;
+  KTProperty& operator=(const KTProperty&) = delete;
 
   // A fresh array with a copy of `str`, the caller's to delete. Throws KTAssertionException for a null.
   static char* copy(const char* str);
@@ -31,6 +34,11 @@ class KT_API KTProperty {
 
 class KT_API KTProperties {
  public:
+  KTProperties();
+  ~KTProperties();
+  KTProperties(const KTProperties&) = delete;
+  KTProperties& operator=(const KTProperties&) = delete;
+
   // Merges the file's pairs into the list: a name that is already there keeps its place and takes the
   // new value. Returns false when the file cannot be opened; the list is then unchanged and nothing is
   // logged. Lines that are no pairs are skipped. Throws KTAssertionException for a null `filename`.

@@ -30,8 +30,12 @@ KTIOException ioFailure(const char* what, const std::string& name) {
   return {failure, what + name + " [" + strerror(failure) + "]"};
 }
 
-// 10 to 989 milliseconds.
-int drawPause() { return static_cast<int>(rand() * 980.0 / 2147483648.0) + 10; }
+// Milliseconds. Pauses are drawn from 10 to 989, so that contenders do not stay in step.
+constexpr int kShortestPause = 10;
+constexpr double kPauseSpread = 980.0;
+constexpr double kRandomValues = 2147483648.0;  // how many rand() can give
+
+int drawPause() { return static_cast<int>(rand() * kPauseSpread / kRandomValues) + kShortestPause; }
 
 void sleepFor(int milliseconds) {
   const timespec pause = {0, milliseconds * kNanosecondsPerMillisecond};
@@ -43,7 +47,10 @@ void sleepFor(int milliseconds) {
 KTSemaphore::KTSemaphore(const std::string& lockName, bool unlockAtEnd) : KTSemaphore(lockName, "", unlockAtEnd) {}
 
 KTSemaphore::KTSemaphore(const std::string& lockName, const std::string& lockDirectory, bool unlockAtEnd)
-    : name(lockName), directory(chosenDirectory(lockDirectory)), autoUnlock(unlockAtEnd) {}
+    : name(lockName),
+      directory(chosenDirectory(lockDirectory)),
+      autoUnlock(unlockAtEnd),
+      exceptionsAtStart(std::uncaught_exceptions()) {}
 
 KTSemaphore::~KTSemaphore() noexcept(false) {  // NOLINT(bugprone-exception-escape)
   if (!autoUnlock) return;
@@ -51,7 +58,7 @@ KTSemaphore::~KTSemaphore() noexcept(false) {  // NOLINT(bugprone-exception-esca
     unlock();
   } catch (...) {
     // cppcheck-suppress exceptThrowInDestructor
-    if (std::uncaught_exceptions() == 0) throw;
+    if (std::uncaught_exceptions() <= exceptionsAtStart) throw;
   }
 }
 

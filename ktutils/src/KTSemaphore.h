@@ -45,6 +45,9 @@ class KT_API KTSemaphore {
 
  private:
   std::string lockFile() const;
+
+  // Uncaught exceptions when the object was made; the destructor throws only when there are no more than then.
+  int exceptionsAtStart;
 };
 
 #endif

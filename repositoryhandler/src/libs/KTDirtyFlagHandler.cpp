@@ -11,6 +11,10 @@
 #include "messages.h"
 #include "paths.h"
 
+KTDirtyFlagHandler::KTDirtyFlagHandler() = default;
+
+KTDirtyFlagHandler::~KTDirtyFlagHandler() = default;
+
 void KTDirtyFlagHandler::setRepository(const char* repository) {
   assertAt(kRepositoryGiven, repository != nullptr);
   setFile = std::string(repository) + "/.dirty";

@@ -2,7 +2,8 @@
 // several mounts because a mount was away when they were made or moved. The set is loaded once from the file
 // ".dirty" in the repository's root and written through on every change. Each operation holds the set's own
 // lock, which is always the inner one; each process works on its own copy, and the last writer's set stands
-// in the file. An object belongs to one thread.
+// in the file. An object belongs to one thread. Every operation that takes the lock throws KTIOException when the lock
+// file cannot be removed at its end; its work is done then.
 
 #ifndef REPOSITORYHANDLER_KTDIRTYFLAGHANDLER_H
 #define REPOSITORYHANDLER_KTDIRTYFLAGHANDLER_H
@@ -12,8 +13,13 @@
 
 #include "KTApi.h"
 
+class KTSemaphore;
+
 class KT_API KTDirtyFlagHandler {
  public:
+  // An empty set, of no repository yet.
+  KTDirtyFlagHandler();
+  ~KTDirtyFlagHandler();
   // Names the file after the repository at `repository` and adds what it holds to the set. A missing file
   // adds nothing; so does a lock that is not taken within 30 seconds (logged). Throws KTAssertionException for
   // a null, or when the file is there and cannot be opened.
@@ -26,7 +32,7 @@ class KT_API KTDirtyFlagHandler {
   bool isDirty(const char* id);
   // Puts `id` in the set or takes it out, and rewrites the file when that changed the set. Does nothing when
   // the lock is not taken within 30 seconds (logged). Throws KTAssertionException for a null, or when the file
-  // cannot be opened.
+  // cannot be opened: the set in memory has changed then, and is written with the next change.
   void setDirty(const char* id, bool dirty);
   // Empties the set and rewrites the file; otherwise as setDirty.
   void clearDirtySet();
@@ -38,7 +44,7 @@ class KT_API KTDirtyFlagHandler {
   std::string setFile;
 
  private:
-  bool lockSet(class KTSemaphore& semaphore) const;
+  bool lockSet(KTSemaphore& semaphore) const;
   std::string lockName() const;
 };
 

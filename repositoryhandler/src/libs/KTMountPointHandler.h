@@ -3,7 +3,8 @@
 // under the hashed layout of this one disk. A mount is present while its file "repositorypart.cfg" exists:
 // a disk that is not mounted lacks it, and one taken out of service has it under another name.
 //
-// The mount layer takes no lock but that of the dirty set: the repository layer above holds the resource's. An
+// The mount layer takes no lock of a resource: the repository layer above holds it. Only the walks for candidates
+// take the dirty set's lock for each name, and a dirty resource's own. An
 // object belongs to one thread; other processes change the disk meanwhile, so each answer is a snapshot.
 
 #ifndef REPOSITORYHANDLER_KTMOUNTPOINTHANDLER_H
@@ -39,6 +40,7 @@ class KT_API KTMountPointHandler {
   // A fresh probe of the same mount, not a copy of the fields.
   KTMountPointHandler(const KTMountPointHandler& other);
   KTMountPointHandler& operator=(const KTMountPointHandler&) = delete;
+  ~KTMountPointHandler();
 
   // Points the object at the mount directory `path` of `owner`, which it does not own; takes the limits
   // of the owner, probes the disk, and applies the mount's own configuration when it is present. Throws
@@ -68,12 +70,13 @@ class KT_API KTMountPointHandler {
   // Throws KTAssertionException for a null id.
   char* getLocation(const char* id, int* result, int* mountStatus, bool touch);
   // The path at which a resource is to be made, in a fresh char array, with its hash directories made; null
-  // when the mount is missing or a directory cannot be made in five attempts (logged).
+  // when the mount is missing or a directory above the last hash level cannot be made in five attempts (logged). That
+  // the last level could not be made is not told: callers look whether it exists.
   //   id      one path component, "/" around it ignored; another "/" throws KTAssertionException, as null
   //           does
   //   result  out, may be null: 0 or 8
   char* createLocation(const char* id, int* result);
-  // The same, and the resource's own directory exists.
+  // The same, and the resource's own directory is made; that it could not be made is not told either.
   char* createDirectory(const char* id, int* result);
   // Deletes a resource and the hash directories that it leaves empty. Returns 0, 4 when it is not on this
   // mount, or 8 when not all of it could be deleted. Throws KTAssertionException for a null id.
@@ -84,7 +87,7 @@ class KT_API KTMountPointHandler {
 
   // Adds to *result the oldest resources below mountPath + prefix that were not used within nomoveTime, so
   // that it holds at most `max`. A name in the dirty set is located instead, which joins its copies, and is
-  // no candidate.
+  // no candidate: that takes the resource's lock, so the caller holds none, and up to 30 seconds when it is held.
   //   prefix  "" for the whole mount; inside the walk, the path below the mount, beginning with "/"
   //   depth   of prefix: 0 for the mount, 3 where the entries are resources
   // Returns the size of *result, 0 for a max of 0, or -1 when the mount is missing. Throws
@@ -111,12 +114,14 @@ class KT_API KTMountPointHandler {
 
  private:
   using Candidates = std::set<ResourceEntry, ltres>;
-  struct CandidateWalk;
+  class KT_LOCAL CandidateWalk;
+  class KT_LOCAL OldestWalk;
+  class KT_LOCAL RandomWalk;
 
-  int collect(const Candidates& found, unsigned int max, const CandidateWalk& walk, const char* prefix,
-              unsigned int depth);
-  void walkDirectory(const CandidateWalk& walk, const std::string& prefix, unsigned int depth);
-  void walkEntry(const CandidateWalk& walk, const std::string& prefix, const std::string& name, unsigned int depth);
+  int statusBits(float used) const;
+  int collect(CandidateWalk& walk, const char* prefix, unsigned int depth);
+  void walkDirectory(CandidateWalk& walk, const std::string& prefix, unsigned int depth);
+  void walkEntry(CandidateWalk& walk, const std::string& prefix, const std::string& name, unsigned int depth);
   std::string configFile() const;
 };
 

@@ -9,8 +9,8 @@
 // having done anything, but for the dirty set, which then answers "dirty".
 //
 // Strings handed out are fresh char arrays that the caller frees with `release`. Every operation throws
-// KTAssertionException for a null resource, and KTIOException when a lock file cannot be removed at the end; the work
-// is done then.
+// KTAssertionException for a null resource, when the dirty set cannot be written, and when a copy that is being moved
+// vanishes; and KTIOException when a lock file cannot be removed at the end: the work is done then.
 
 #ifndef REPOSITORYHANDLER_KTREPOSITORYHANDLER_H
 #define REPOSITORYHANDLER_KTREPOSITORYHANDLER_H
@@ -50,6 +50,9 @@ enum ResourceResult {
 
 // What emptying a mount answers.
 enum FreeMountResult { kMountFreed = 0, kNoSuchMount = 1, kNoTargetMount = 2, kMountNotFreed = 3 };
+
+class KTProperties;
+class KTSemaphore;
 
 class KT_API KTRepositoryHandler {
  public:
@@ -106,21 +109,23 @@ class KT_API KTRepositoryHandler {
   //   result       out, may be null: as getLocation for a resource that exists; 0 or 8 for a new one;
   //                untouched when the lock is not taken
   //   noDirtyMark  do not mark a resource that is made while a mount is away, and may be on it, as dirty
-  // Throws KTAssertionException for an id with a "/" inside.
+  // Throws KTAssertionException for an id with a "/" inside, as getLocation does when it finds one in the legacy
+  // directory. That the last directory of the path could not be made is not told: callers look whether it exists.
   char* createLocation(const char* resource, int* result, bool noDirtyMark);
-  // The same, and the resource's directory exists.
+  // The same, and the resource's directory is made.
   char* createDirectory(const char* resource, int* result, bool noDirtyMark);
   // Deletes a resource wherever it is. Returns 0, 1 when copies may be on a mount that is away (nothing is
   // deleted then), 4 when there is none, 8 when not all could be deleted, 16 when it is not locked.
   int removeResource(const char* resource);
-  // The status that getLocation gives, 16 when the resource is not locked.
+  // The status that getLocation gives; 0 for a resource that stays in the legacy directory, 16 when it is not locked.
   int checkResourceStatus(const char* resource);
-  // Sets a resource's access and modification time. False when it is not found or they cannot be set. No lock.
+  // Sets a resource's access and modification time, to now for null times. False when it is not found or they cannot be
+  // set. No lock.
   bool setTimeProperties(const char* resource, utimbuf* times);
   // Reads them. False when the resource is not found; *times is then untouched. No lock.
   bool getTimeProperties(const char* resource, utimbuf* times);
   // Makes a directory for a resource in the legacy directory and gives its path, or null when there is no
-  // legacy directory or it cannot be made. No lock.
+  // legacy directory or a directory above it cannot be made. No lock.
   char* createToLegacy(const char* resource);
   // The ids of all resources, a resource on several mounts once for each, as an array of *count strings: the
   // caller frees each with `release` and the array with array delete. Never null. No lock.
@@ -129,21 +134,23 @@ class KT_API KTRepositoryHandler {
   char** listResources(int typeFilter, long* count, bool sort);
 
   // Fills *result with the oldest resources of all present mounts that may be moved, 101 at most. Returns its
-  // size. Throws KTAssertionException for a null.
+  // size. Throws KTAssertionException for a null. No lock but as getOldestResources.
   int getGlobalOldestResources(std::set<ResourceEntry, ltres>* result);
 
   // One balancing pass: mounts at their moveLimit are drained below their cleanLimit, oldest resources first;
   // in a clearable repository without room the oldest resources of all are deleted first. With `verbose` it
-  // tells on standard output what it does. Holds the repository's lock; without it (logged) nothing is done.
+  // tells on standard output what it does. Holds the repository's lock; without it (logged) no resource is touched. A
+  // mount on which nothing could be moved or deleted in three rounds is given up (logged).
   void checkOverload(bool verbose);
   // Moves the oldest resources off `mount` until it is below its cleanLimit. Returns 1 when no mount may take
-  // them or there is none old enough, else 0. The caller holds the repository's lock.
+  // them or there is none old enough, else 0, also when it gives up as a pass does. The caller holds the repository's
+  // lock.
   int moveResourcesFromMount(KTMountPointHandler* mount, bool verbose);
   // Moves all resources off the mount whose directory is the repository's plus "/" plus `mountName`. Returns 0
   // when done, 1 when there is no such mount, 2 when no mount could take them, 3 when some could not be
-  // moved. Also 2 when the last target was mount 0, even if all were moved.
+  // moved. Also 2 when the last target was mount 0, even if all were moved. Takes no lock of the repository.
   int moveAllResourcesFromMount(const char* mountName);
-  // Clears the dirty set, puts all mounts back in service and removes every resource.
+  // Clears the dirty set, puts all mounts back in service and removes every resource. Takes no lock of the repository.
   void makeEmpty();
 
   // Hook: a resource at this path in the legacy directory was found. Empty.
@@ -171,34 +178,47 @@ class KT_API KTRepositoryHandler {
   using Candidates = std::set<ResourceEntry, ltres>;
   using MountCreation = char* (KTMountPointHandler::*)(const char*, int*);
 
+  // How far a pass has come with one mount.
+  struct Progress {
+    unsigned long relocated = 0;  // resources moved or deleted
+    bool gaveUp = false;          // rounds in a row got nowhere
+  };
+  class KT_LOCAL FruitlessRounds;
+
   KTRepositoryHandler() = default;
   std::string configFile() const;
-  void applySettings(class KTProperties& properties);
+  void applySettings(KTProperties& properties);
   void addMounts(const char* list);
   void addMount(const std::string& path);
   void removeMounts();
 
-  int chooseMount(const KTMountPointHandler* source, int fillMask, int balanceMask);
+  int chooseMount(const KTMountPointHandler* source, int notFilled, int notBalanced);
   int leastUsedMount(const KTMountPointHandler* source, int excluded);
 
   std::string lockNameOf(const std::string& resource) const;
-  bool lockResource(class KTSemaphore& semaphore) const;
+  bool takeResourceLock(KTSemaphore& semaphore) const;
   OwnedChars locate(const char* resource, int* result, bool touch);
   OwnedChars importFromLegacy(const char* resource, bool touch);
   OwnedChars locateOnMounts(const char* resource, int* result, bool touch);
   char* create(const char* resource, int* result, bool noDirtyMark, MountCreation creation);
   OwnedChars createUnderLock(const char* resource, int* result, bool noDirtyMark, MountCreation creation);
   int removeEverywhere(const char* resource);
+  std::list<std::string> allResources(int typeFilter);
 
   void relieveMount(KTMountPointHandler* mount, bool verbose);
-  bool relieveByDeleting(KTMountPointHandler* mount, bool verbose);
-  bool deleteOldest(const KTMountPointHandler* mount, Candidates& oldest, bool verbose);
-  void deleteCandidate(const KTMountPointHandler* mount, const ResourceEntry& entry, bool verbose);
-  void moveCandidate(KTMountPointHandler* mount, const ResourceEntry& entry, int& target, bool verbose);
+  bool relieveOnce(KTMountPointHandler* mount, bool verbose, Progress& progress);
+  bool deleteOldest(const KTMountPointHandler* mount, Candidates& oldest, bool verbose, Progress& progress);
+  bool deleteCandidate(const KTMountPointHandler* mount, const ResourceEntry& entry, bool verbose);
+  bool deleteUnderLock(const ResourceEntry& entry, bool verbose);
+  bool moveOldest(KTMountPointHandler* mount, bool verbose, Progress& progress);
+  void moveBatches(KTMountPointHandler* mount, Candidates& oldest, int target, bool verbose, Progress& progress);
+  bool moveCandidate(KTMountPointHandler* mount, const ResourceEntry& entry, int& target, bool verbose);
+  bool moveUnderLock(const ResourceEntry& entry, const std::string& destination, const char* failureLine, bool verbose);
+  bool evacuateBatches(KTMountPointHandler* mount, Candidates& batch, int& target);
   bool evacuate(KTMountPointHandler* mount, const ResourceEntry& entry, int& target);
-  bool lockCandidate(class KTSemaphore& semaphore, bool verbose) const;
-
-  unsigned long relocated = 0;  // resources that balancing moved or deleted; shows whether a round got anywhere
+  KTMountPointHandler* mountAt(const std::string& path) const;
+  std::string destinationOf(const ResourceEntry& entry, int target) const;
+  void markDirty(const ResourceEntry& entry);
 };
 
 #endif

@@ -1,11 +1,12 @@
 // KTRepositoryHandler: the balancing pass with its moves and deletions, and the emptying of a mount or of
 // everything.
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
 
-#include "KTOwned.h"
+#include "KTException.h"
 #include "KTRepositoryHandler.h"
 #include "filestatus.h"
 #include "librarylog.h"
@@ -25,8 +26,8 @@ constexpr unsigned int kRandomBatch = 1000;
 constexpr int kMostFruitlessRounds = 3;
 
 // Progress on standard output; a pass that is not verbose says nothing.
-void say(bool verbose, const char* line) {
-  if (verbose) puts(line);
+void say(bool verbose, const std::string& line) {
+  if (verbose) puts(line.c_str());
 }
 
 __attribute__((format(printf, 2, 3))) void sayFormatted(bool verbose, const char* format, ...) {
@@ -43,37 +44,46 @@ std::string timeText(time_t time) {
   return text ? text : "";
 }
 
-// Watches a count that every success raises.
-class FruitlessRounds {
+bool touchedSinceListed(const ResourceEntry& entry) {
+  return lastAccess(entry.path.c_str(), nullptr) != entry.lastAccessTime;
+}
+
+std::string notLocked(const char* what, const std::string& name) {
+  return std::string("The ") + what + " " + quoted(name) + " could not be locked.";
+}
+
+}  // namespace
+
+// Watches over a loop whose rounds should raise progress.relocated.
+class KTRepositoryHandler::FruitlessRounds {
  public:
-  FruitlessRounds(const unsigned long& counted, const std::string& place)
-      : count(counted), last(counted), where(place) {}
+  FruitlessRounds(Progress& watched, const KTMountPointHandler& mount)
+      : progress(watched), last(watched.relocated), place(mount.mountPath) {}
 
   // To be asked after each round. True, once logged, when there were too many in a row.
   bool tooMany() {
-    rounds = count == last ? rounds + 1 : 0;
-    last = count;
+    rounds = progress.relocated == last ? rounds + 1 : 0;
+    last = progress.relocated;
     if (rounds < kMostFruitlessRounds) return false;
-    rh_logger.errorLog("CheckOverload gives up on %s: nothing could be moved or deleted", where.c_str());
+    progress.gaveUp = true;
+    rh_logger.errorLog("CheckOverload gives up on %s: nothing could be moved or deleted", place.c_str());
     return true;
   }
 
  private:
-  const unsigned long& count;
+  Progress& progress;
   unsigned long last;
-  std::string where;
+  const std::string& place;
   int rounds = 0;
 };
-
-}  // namespace
 
 void KTRepositoryHandler::checkOverload(bool verbose) {
   sayFormatted(verbose, "checking repository %s\n", id.c_str());
   deletedDirs.clear();
   KTSemaphore semaphore(lockNameOf(""), true);
   if (!takeLock(semaphore)) {
-    const std::string text = "The repository " + quoted(id) + " could not be locked.";
-    say(verbose, text.c_str());
+    const std::string text = notLocked("repository", id);
+    say(verbose, text);
     rh_logger.errorLog(text.c_str());
     return;
   }
@@ -105,14 +115,15 @@ void KTRepositoryHandler::relieveMount(KTMountPointHandler* mount, bool verbose)
     return;
   }
   say(verbose, "repository is clearable");
-  FruitlessRounds cycles(relocated, mount->mountPath);
-  while ((mount->status & MOUNT_MOVE) && relieveByDeleting(mount, verbose))
-    if (cycles.tooMany()) return;
+  Progress progress;
+  FruitlessRounds cycles(progress, *mount);
+  while ((mount->status & MOUNT_MOVE) && relieveOnce(mount, verbose, progress))
+    if (progress.gaveUp || cycles.tooMany()) return;
 }
 
-// One cycle over a clearable repository: deletes the oldest resources of all while it has no room, then moves
-// what is old off the mount. False when there is nothing left to delete or to move.
-bool KTRepositoryHandler::relieveByDeleting(KTMountPointHandler* mount, bool verbose) {
+// One cycle over a mount of a clearable repository: deletes the oldest resources of all while the repository has no
+// room, then moves what is old off the mount. False when there is nothing to delete or to move.
+bool KTRepositoryHandler::relieveOnce(KTMountPointHandler* mount, bool verbose, Progress& progress) {
   Candidates oldest;
   if (getGlobalOldestResources(&oldest) < 1) {
     say(verbose, "no global old resource found");
@@ -124,19 +135,20 @@ bool KTRepositoryHandler::relieveByDeleting(KTMountPointHandler* mount, bool ver
   rh_logger.debugLog("GlobalOldResources:%d", found);
   sayFormatted(verbose, "Move limit: %d Clean limit: %d\n", mount->moveLimit, mount->cleanLimit);
   sayFormatted(verbose, "GlobalOldResources: %d\n", found);
-  if (!deleteOldest(mount, oldest, verbose)) return false;
+  if (!deleteOldest(mount, oldest, verbose, progress)) return false;
   if (!(mount->status & MOUNT_MOVE) || (status & REPOSITORY_NOSPACE)) return true;
   rh_logger.debugLog("Trying to move instead of cleaning first...");
-  return moveResourcesFromMount(mount, verbose) == 0;
+  return moveOldest(mount, verbose, progress);
 }
 
-// Deletes while the repository has no room, batch after batch. False when nothing is left to be deleted.
-bool KTRepositoryHandler::deleteOldest(const KTMountPointHandler* mount, Candidates& oldest, bool verbose) {
-  FruitlessRounds sweeps(relocated, mount->mountPath);
+// Deletes while the repository has no room, batch after batch. False when nothing is left that can be deleted.
+bool KTRepositoryHandler::deleteOldest(const KTMountPointHandler* mount, Candidates& oldest, bool verbose,
+                                       Progress& progress) {
+  FruitlessRounds sweeps(progress, *mount);
   while ((status & REPOSITORY_NOSPACE) && !oldest.empty()) {
     for (const ResourceEntry& entry : oldest) {
       if (!(status & REPOSITORY_NOSPACE)) return true;
-      deleteCandidate(mount, entry, verbose);
+      if (deleteCandidate(mount, entry, verbose)) ++progress.relocated;
     }
     if (!(status & REPOSITORY_NOSPACE)) return true;
     if (sweeps.tooMany()) return false;
@@ -151,100 +163,135 @@ bool KTRepositoryHandler::deleteOldest(const KTMountPointHandler* mount, Candida
   return true;
 }
 
-void KTRepositoryHandler::deleteCandidate(const KTMountPointHandler* mount, const ResourceEntry& entry, bool verbose) {
+// True when the resource was deleted.
+bool KTRepositoryHandler::deleteCandidate(const KTMountPointHandler* mount, const ResourceEntry& entry, bool verbose) {
   const char* path = entry.path.c_str();
   KTSemaphore semaphore(lockNameOf(entry.name), true);
-  if (!lockCandidate(semaphore, verbose)) return;
-  if (lastAccess(path, nullptr) != entry.lastAccessTime) {
+  if (!takeLock(semaphore)) {
+    const std::string text = notLocked("resource", semaphore.name);
+    say(verbose, text);
+    rh_logger.errorLog(text.c_str());
+    return false;
+  }
+  if (touchedSinceListed(entry)) {
     semaphore.unlock();
     rh_logger.debugLog("Resource touched:%s", path);
     sayFormatted(verbose, "Resource touched while checking: %s\n", path);
-    return;
+    return false;
   }
   const std::string lastUse = timeText(entry.lastAccessTime);
   rh_logger.infoLog("CheckOverload deletes resource: %s when cleaning mount: %s", path, mount->mountPath.c_str());
   rh_logger.infoLog("CheckOverload: Last access/modification time of the resource: %s", lastUse.c_str());
   sayFormatted(verbose, "Deleting resource: %s\n", path);
   sayFormatted(verbose, "Last access/modification time of the resource: %s\n", lastUse.c_str());
-  deletedDirs.push_back(entry.path);
-  if (deleteRes(path) == kTransferred) {
-    clearEmptyHash(path);
-    ++relocated;
-  } else {
-    rh_logger.errorLog("Resource deleting didn't succeed:%s", path);
-    sayFormatted(verbose, "Deleting resource %s failed\n", path);
-    dirtyFlagHandler.setDirty(path, true);
-  }
+  const bool deleted = deleteUnderLock(entry, verbose);
   semaphore.unlock();
   checkRepositoryStatus();
+  return deleted;
+}
+
+bool KTRepositoryHandler::deleteUnderLock(const ResourceEntry& entry, bool verbose) {
+  const char* path = entry.path.c_str();
+  deletedDirs.push_back(entry.path);  // before it is known whether it can be deleted
+  if (deleteRes(path) == kTransferred) {
+    clearEmptyHash(path);
+    return true;
+  }
+  rh_logger.errorLog("Resource deleting didn't succeed:%s", path);
+  sayFormatted(verbose, "Deleting resource %s failed\n", path);
+  markDirty(entry);
+  return false;
 }
 
 int KTRepositoryHandler::moveResourcesFromMount(KTMountPointHandler* mount, bool verbose) {
   KT_ASSERT(mount);
-  int target = getActualMountPointForMove(mount);
-  if (target < 0) return 1;
+  Progress progress;
+  return moveOldest(mount, verbose, progress) ? 0 : 1;
+}
+
+// Drains the mount. False when no mount may take its resources, or none of them is old enough.
+bool KTRepositoryHandler::moveOldest(KTMountPointHandler* mount, bool verbose, Progress& progress) {
+  const int target = getActualMountPointForMove(mount);
+  if (target < 0) return false;
   rh_logger.debugLog("CheckOverload tries to move");
   say(verbose, "CheckOverload tries to move");
   Candidates oldest;
   if (mount->getOldestResources(&oldest, kOldestBatch, "", 0) < 1) {
     rh_logger.debugLog("no old resource found");
     sayFormatted(verbose, "no old resource found on mount %s\n", mount->mountPath.c_str());
-    return 1;
+    return false;
   }
-  const auto goesOn = [&] { return (mount->status & MOUNT_CLEAN) && target >= 0; };
-  FruitlessRounds batches(relocated, mount->mountPath);
-  while (!oldest.empty() && goesOn()) {
-    for (const ResourceEntry& entry : oldest) {
-      if (!goesOn()) return 0;
-      moveCandidate(mount, entry, target, verbose);
-    }
-    if (!goesOn() || batches.tooMany()) return 0;
-    oldest.clear();
-    if (mount->getOldestResources(&oldest, kOldestBatch, "", 0) < 0) return 0;
-  }
-  return 0;
+  moveBatches(mount, oldest, target, verbose, progress);
+  return true;
 }
 
-// Moves one resource to the mount of number `target`, and then chooses the target for the next.
-void KTRepositoryHandler::moveCandidate(KTMountPointHandler* mount, const ResourceEntry& entry, int& target,
+// Moves batch after batch while the mount is at its cleanLimit and some mount takes what comes.
+void KTRepositoryHandler::moveBatches(KTMountPointHandler* mount, Candidates& oldest, int target, bool verbose,
+                                      Progress& progress) {
+  const auto goesOn = [&] { return (mount->status & MOUNT_CLEAN) && target >= 0; };
+  FruitlessRounds batches(progress, *mount);
+  while (!oldest.empty() && goesOn()) {
+    for (const ResourceEntry& entry : oldest) {
+      if (!goesOn()) return;
+      if (moveCandidate(mount, entry, target, verbose)) ++progress.relocated;
+    }
+    if (!goesOn() || batches.tooMany()) return;
+    oldest.clear();
+    if (mount->getOldestResources(&oldest, kOldestBatch, "", 0) < 0) return;
+  }
+}
+
+// Moves one resource to the mount of number `target`, and then chooses the target for the next. True when it was
+// moved.
+bool KTRepositoryHandler::moveCandidate(KTMountPointHandler* mount, const ResourceEntry& entry, int& target,
                                         bool verbose) {
-  const std::string source = mount->mountPath + entry.relativePath;
-  const std::string destination = mountPoints[static_cast<size_t>(target)]->mountPath + entry.relativePath;
+  const char* source = entry.path.c_str();
+  const std::string destination = destinationOf(entry, target);
   KTSemaphore semaphore(lockNameOf(entry.name), true);
-  if (!lockCandidate(semaphore, verbose)) return;
-  if (lastAccess(entry.path.c_str(), nullptr) != entry.lastAccessTime) {
+  if (!takeResourceLock(semaphore)) {
+    say(verbose, notLocked("resource", semaphore.name));
+    return false;
+  }
+  if (touchedSinceListed(entry)) {
     semaphore.unlock();
-    sayFormatted(verbose, "Resource touched while checking: %s\n", entry.path.c_str());
-    return;
+    sayFormatted(verbose, "Resource touched while checking: %s\n", source);
+    return false;
   }
   const std::string lastUse = timeText(entry.lastAccessTime);
-  rh_logger.infoLog("CheckOverload moves %s to %s", source.c_str(), destination.c_str());
+  rh_logger.infoLog("CheckOverload moves %s to %s", source, destination.c_str());
   rh_logger.infoLog("CheckOverload: Last access/modification time of the resource: %s", lastUse.c_str());
-  sayFormatted(verbose, "CheckOverload moves %s to %s\n", source.c_str(), destination.c_str());
+  sayFormatted(verbose, "CheckOverload moves %s to %s\n", source, destination.c_str());
   sayFormatted(verbose, "CheckOverload: Last access/modification time of the resource: %s\n", lastUse.c_str());
-  const int result = moveRes(source.c_str(), destination.c_str());
-  if (result & kTransferConflict) {
-    say(verbose, "Conflict prevented resource move");
-    dirtyFlagHandler.setDirty(entry.path.c_str(), true);
-  } else if (result & kTransferFailed) {
-    say(verbose, "Move failed (Maybe out of space?)");
-    rh_logger.debugLog("Nospaceleft? checkoverload couldn't move");
-  } else {
-    say(verbose, "Move succeeded");
-    clearEmptyHash(source.c_str());
-    ++relocated;
-  }
+  const bool moved = moveUnderLock(entry, destination, "Nospaceleft? checkoverload couldn't move", verbose);
   semaphore.unlock();
   target = getActualMountPointForMove(mount);
   if (verbose) printf("(moveLimit=%i, used=%f)\n", mount->moveLimit, static_cast<double>(mount->getUsedPercentage()));
+  return moved;
+}
+
+// True when the resource was moved; a failure is logged as `failureLine`, a conflict leaves a mark.
+bool KTRepositoryHandler::moveUnderLock(const ResourceEntry& entry, const std::string& destination,
+                                        const char* failureLine, bool verbose) {
+  const int result = moveRes(entry.path.c_str(), destination.c_str());
+  if (result & kTransferConflict) {
+    say(verbose, "Conflict prevented resource move");
+    markDirty(entry);
+    return false;
+  }
+  if (result & kTransferFailed) {
+    say(verbose, "Move failed (Maybe out of space?)");
+    rh_logger.debugLog(failureLine);
+    return false;
+  }
+  say(verbose, "Move succeeded");
+  clearEmptyHash(entry.path.c_str());
+  return true;
 }
 
 int KTRepositoryHandler::moveAllResourcesFromMount(const char* mountName) {
   KT_ASSERT(mountName);
   const std::string wanted = id + "/" + mountName;
-  KTMountPointHandler* mount = nullptr;
-  for (KTMountPointHandler* candidate : mountPoints)
-    if (!mount && candidate->mountPath == wanted) mount = candidate;
+  KTMountPointHandler* mount = mountAt(wanted);
   if (!mount) {
     rh_logger.debugLog(("Source mount " + quoted(wanted) + " could not be found in repository.").c_str());
     return kNoSuchMount;
@@ -259,18 +306,8 @@ int KTRepositoryHandler::moveAllResourcesFromMount(const char* mountName) {
     rh_logger.debugLog("no movable resource found");
     return kMountFreed;
   }
-  bool moved = true;
-  while (!batch.empty() && target >= 0 && moved) {
-    moved = false;
-    for (const ResourceEntry& entry : batch) {
-      if (target < 0) break;
-      if (evacuate(mount, entry, target)) moved = true;
-    }
-    if (target < 0) break;
-    batch.clear();
-    if (mount->getRandomResources(&batch, kRandomBatch, "", 0) < 0) break;
-  }
-  // A last target of number 0 counts as none here, though the loop takes it: callers know the 2.
+  const bool moved = evacuateBatches(mount, batch, target);
+  // A last target of number 0 counts as none here, though the batches take it: callers know the 2.
   if (target <= 0) {
     rh_logger.debugLog("Nospaceleft? EmptyMount couldn't move");
     return kNoTargetMount;
@@ -282,21 +319,29 @@ int KTRepositoryHandler::moveAllResourcesFromMount(const char* mountName) {
   return kMountFreed;
 }
 
+// Moves batch after batch, until none is left, no mount takes more, or a whole batch could not be moved: false then.
+bool KTRepositoryHandler::evacuateBatches(KTMountPointHandler* mount, Candidates& batch, int& target) {
+  bool moved = true;
+  while (!batch.empty() && target >= 0 && moved) {
+    moved = false;
+    for (const ResourceEntry& entry : batch) {
+      if (target < 0) break;
+      if (evacuate(mount, entry, target)) moved = true;
+    }
+    if (target < 0) break;
+    batch.clear();
+    if (mount->getRandomResources(&batch, kRandomBatch, "", 0) < 0) break;
+  }
+  return moved;
+}
+
 // Moves one resource whatever its age, and then chooses the target for the next. True when it was moved.
 bool KTRepositoryHandler::evacuate(KTMountPointHandler* mount, const ResourceEntry& entry, int& target) {
-  const std::string source = mount->mountPath + entry.relativePath;
-  const std::string destination = mountPoints[static_cast<size_t>(target)]->mountPath + entry.relativePath;
+  const std::string destination = destinationOf(entry, target);
   KTSemaphore semaphore(lockNameOf(entry.name), true);
-  if (!lockCandidate(semaphore, false)) return false;
-  rh_logger.infoLog("EmptyMount moves %s to %s", source.c_str(), destination.c_str());
-  const int result = moveRes(source.c_str(), destination.c_str());
-  const bool moved = !(result & (kTransferConflict | kTransferFailed));
-  if (result & kTransferConflict)
-    dirtyFlagHandler.setDirty(entry.path.c_str(), true);
-  else if (result & kTransferFailed)
-    rh_logger.debugLog("Nospaceleft? EmptyMount couldn't move");
-  else
-    clearEmptyHash(source.c_str());
+  if (!takeResourceLock(semaphore)) return false;
+  rh_logger.infoLog("EmptyMount moves %s to %s", entry.path.c_str(), destination.c_str());
+  const bool moved = moveUnderLock(entry, destination, "Nospaceleft? EmptyMount couldn't move", false);
   semaphore.unlock();
   target = getActualMountPointForMove(mount);
   return moved;
@@ -305,14 +350,19 @@ bool KTRepositoryHandler::evacuate(KTMountPointHandler* mount, const ResourceEnt
 void KTRepositoryHandler::makeEmpty() {
   dirtyFlagHandler.clearDirtySet();
   giveBackMounts();
-  std::list<std::string> names;
-  for (KTMountPointHandler* mount : mountPoints) mount->listResources(names, kAllResources);
-  if (!legacyDir.empty()) listResourcesRecursively(legacyDir.c_str(), names, kAllResources, false, 0);
-  for (const std::string& name : names) removeResource(name.c_str());
+  for (const std::string& name : allResources(kAllResources)) removeResource(name.c_str());
 }
 
-bool KTRepositoryHandler::lockCandidate(KTSemaphore& semaphore, bool verbose) const {
-  if (lockResource(semaphore)) return true;
-  say(verbose, ("The resource " + quoted(semaphore.name) + " could not be locked.").c_str());
-  return false;
+KTMountPointHandler* KTRepositoryHandler::mountAt(const std::string& path) const {
+  const auto found = std::find_if(mountPoints.begin(), mountPoints.end(),
+                                  [&](const KTMountPointHandler* mount) { return mount->mountPath == path; });
+  return found == mountPoints.end() ? nullptr : *found;
 }
+
+std::string KTRepositoryHandler::destinationOf(const ResourceEntry& entry, int target) const {
+  return mountPoints[static_cast<size_t>(target)]->mountPath + entry.relativePath;
+}
+
+// By the path of the copy, not by the resource's id, under which look-ups ask: the established form of these marks,
+// which names the disk to the operator who reads the set.
+void KTRepositoryHandler::markDirty(const ResourceEntry& entry) { dirtyFlagHandler.setDirty(entry.path.c_str(), true); }

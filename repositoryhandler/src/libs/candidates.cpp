@@ -1,10 +1,14 @@
 // The oldest, random and globally oldest resources.
 
+#include "ResourceEntry.h"
+
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <cstring>
 #include <ctime>
-#include <functional>
 #include <iterator>
+#include <list>
 
 #include "KTException.h"
 #include "KTOwned.h"
@@ -16,7 +20,7 @@
 
 namespace {
 
-// By how many entries each mount may raise the global selection, and how many of them stay in the end.
+// By how many entries each mount may raise the global selection, and how many of the oldest stay in the end.
 constexpr int kGlobalStep = 100;
 
 constexpr int kMountIsMissing = -1;
@@ -29,43 +33,74 @@ bool ltres::operator()(const ResourceEntry& a, const ResourceEntry& b) const {
 }
 
 // What a walk does with the resources that it meets.
-struct KTMountPointHandler::CandidateWalk {
-  std::function<bool()> isDone;  // asked before each name
-  std::function<void(ResourceEntry& entry, struct stat& known)> take;
+class KTMountPointHandler::CandidateWalk {
+ public:
+  CandidateWalk(Candidates& candidates, unsigned int most) : found(candidates), max(most) {}
+  virtual ~CandidateWalk() = default;
+  CandidateWalk(const CandidateWalk&) = delete;
+  CandidateWalk& operator=(const CandidateWalk&) = delete;
+
+  virtual void enterDirectory() {}
+  virtual bool isDone() const { return false; }  // asked before each name
+  virtual void take(ResourceEntry& entry, struct stat& known) = 0;
+
+  Candidates& found;
+  const unsigned int max;
+};
+
+// Keeps the oldest, by displacing the newest that it has.
+class KTMountPointHandler::OldestWalk : public CandidateWalk {
+ public:
+  OldestWalk(Candidates& candidates, unsigned int most, int unusedSeconds)
+      : CandidateWalk(candidates, most), unused(unusedSeconds) {}
+
+  void enterDirectory() override { cutoff = static_cast<int64_t>(time(nullptr)) - unused; }
+
+  void take(ResourceEntry& entry, struct stat& known) override {
+    entry.lastAccessTime = lastAccess(entry.path.c_str(), &known);
+    if (entry.lastAccessTime > cutoff) return;
+    if (found.size() >= max && entry.lastAccessTime > found.rbegin()->lastAccessTime) return;
+    found.insert(entry);
+    if (found.size() > max) found.erase(std::prev(found.end()));
+  }
+
+ private:
+  const int unused;
+  int64_t cutoff = 0;  // wide enough for every limit, whatever the width of time_t
+};
+
+// Takes what comes, until it has enough.
+class KTMountPointHandler::RandomWalk : public CandidateWalk {
+ public:
+  using CandidateWalk::CandidateWalk;
+  bool isDone() const override { return found.size() >= max; }
+  void take(ResourceEntry& entry, struct stat&) override { found.insert(entry); }
 };
 
 int KTMountPointHandler::getOldestResources(std::set<ResourceEntry, ltres>* result, unsigned int max,
                                             const char* prefix, unsigned int depth) {
   KT_ASSERT(result);
-  const int64_t cutoff = static_cast<int64_t>(time(nullptr)) - nomoveTime;
-  const auto takeOld = [=](ResourceEntry& entry, struct stat& known) {
-    entry.lastAccessTime = lastAccess(entry.path.c_str(), &known);
-    if (entry.lastAccessTime > cutoff) return;
-    if (result->size() >= max && entry.lastAccessTime > result->rbegin()->lastAccessTime) return;
-    result->insert(entry);
-    if (result->size() > max) result->erase(std::prev(result->end()));
-  };
-  return collect(*result, max, {[] { return false; }, takeOld}, prefix, depth);
+  OldestWalk walk(*result, max, nomoveTime);
+  return collect(walk, prefix, depth);
 }
 
 int KTMountPointHandler::getRandomResources(std::set<ResourceEntry, ltres>* result, unsigned int max,
                                             const char* prefix, unsigned int depth) {
   KT_ASSERT(result);
-  const auto isFull = [=] { return result->size() >= max; };
-  const auto takeAny = [=](ResourceEntry& entry, struct stat&) { result->insert(entry); };
-  return collect(*result, max, {isFull, takeAny}, prefix, depth);
+  RandomWalk walk(*result, max);
+  return collect(walk, prefix, depth);
 }
 
-int KTMountPointHandler::collect(const Candidates& found, unsigned int max, const CandidateWalk& walk,
-                                 const char* prefix, unsigned int depth) {
+int KTMountPointHandler::collect(CandidateWalk& walk, const char* prefix, unsigned int depth) {
   KT_ASSERT(prefix);
-  if (max == 0) return 0;
+  if (walk.max == 0) return 0;
   if (depth == 0 && (checkStatus(true) & MOUNT_MISSING)) return kMountIsMissing;
   walkDirectory(walk, prefix, depth);
-  return static_cast<int>(found.size());
+  return static_cast<int>(walk.found.size());
 }
 
-void KTMountPointHandler::walkDirectory(const CandidateWalk& walk, const std::string& prefix, unsigned int depth) {
+void KTMountPointHandler::walkDirectory(CandidateWalk& walk, const std::string& prefix, unsigned int depth) {
+  walk.enterDirectory();
   std::list<std::string> names;
   listDir((mountPath + prefix).c_str(), names);
   for (const std::string& name : names) {
@@ -75,7 +110,7 @@ void KTMountPointHandler::walkDirectory(const CandidateWalk& walk, const std::st
   }
 }
 
-void KTMountPointHandler::walkEntry(const CandidateWalk& walk, const std::string& prefix, const std::string& name,
+void KTMountPointHandler::walkEntry(CandidateWalk& walk, const std::string& prefix, const std::string& name,
                                     unsigned int depth) {
   if (repository->dirtyFlagHandler.isDirty(name.c_str())) {
     const OwnedChars joined(repository->getLocation(name.c_str(), nullptr, true, false));

@@ -18,7 +18,7 @@ constexpr int kSpaceUnknown = 1;
 
 bool isNotLink(const char* path) {
   char firstByte = '\0';
-  return readlink(path, &firstByte, sizeof firstByte) < 0 && errno == EINVAL;
+  return path && readlink(path, &firstByte, sizeof firstByte) < 0 && errno == EINVAL;
 }
 
 int myStat(const char* resource, struct stat* resStat) {
@@ -28,7 +28,6 @@ int myStat(const char* resource, struct stat* resStat) {
   const int failure = errno;
   const std::string text = "The resource " + quoted(resource) + " can not be stat-ed. Error code is ";
   rh_logger.errorLog(withErrorMark(text, failure).c_str());
-  errno = failure;
   return kStatusFailed;
 }
 
@@ -86,6 +85,8 @@ int blocksToFree(const char* mountPath, int limit, long* blockCount, struct stat
 bool IsOnTheSameMount(const char* first, const char* second) {
   struct statvfs a;
   struct statvfs b;
-  if (myStatVfs(first, &a) != 0 || myStatVfs(second, &b) != 0) return false;
+  const int firstResult = myStatVfs(first, &a);
+  const int secondResult = myStatVfs(second, &b);
+  if (firstResult != 0 || secondResult != 0) return false;
   return a.f_bfree == b.f_bfree && a.f_bavail == b.f_bavail && a.f_ffree == b.f_ffree && a.f_favail == b.f_favail;
 }

@@ -1,7 +1,7 @@
 // Probes: what a path is, when it was used, how full its file system is. They wrap stat, statvfs and
 // readlink so that a failure is logged once and in one wording. No state, no lock: each answer is a
-// snapshot, since other processes go on writing. Any process may call at once; a log line binds a call to
-// the logger's one thread.
+// snapshot, since other processes go on writing. After a failure errno is that of the call that failed. Any process may
+// call at once; a log line binds a call to the logger's one thread.
 
 #ifndef REPOSITORYHANDLER_FILESTATUS_H
 #define REPOSITORYHANDLER_FILESTATUS_H
@@ -16,7 +16,7 @@
 // What myStat and myStatVfs answer when the system call failed.
 constexpr int kStatusFailed = 8;
 
-// True only for an object that positively is no symbolic link; a missing or unreachable path is not.
+// True only for an object that positively is no symbolic link; a missing or unreachable path is not, nor is null.
 KT_API bool isNotLink(const char* path);
 
 // stat, links followed, into *resStat. Returns 0, or 8 when it failed (logged). Throws

@@ -20,8 +20,11 @@ namespace {
 constexpr char sHashTable[] = "QWERTYUIOPASDFGHJKLZXCVBNM1234567890_";
 constexpr int nHashTableSize = 37;
 
-std::string hashed(const char* name, size_t length) {
-  constexpr unsigned int kCells = kHashLevels * hashLength;
+constexpr unsigned int kCells = kHashLevels * hashLength;
+constexpr size_t kLevelsLength = kHashLevels * (hashLength + 1);  // each level and its "/"
+
+// Writes the three hashed levels of a component, without a terminator.
+void writeLevels(const char* name, size_t length, char (&levels)[kLevelsLength]) {
   uint8_t cells[kCells] = {};  // sums wrap modulo 256
   for (size_t i = 0; i < length; ++i) {
     const unsigned int byte = static_cast<unsigned char>(name[i]);
@@ -30,14 +33,14 @@ std::string hashed(const char* name, size_t length) {
       cells[j] = static_cast<uint8_t>(cells[j] + byte * weight * weight);
     }
   }
-  std::string result;
-  result.reserve(kCells + kHashLevels + length);
+  char* out = levels;
   for (unsigned int j = 0; j < kCells; ++j) {
-    result += sHashTable[cells[j] % nHashTableSize];
-    if ((j + 1) % hashLength == 0) result += '/';
+    *out++ = sHashTable[cells[j] % nHashTableSize];
+    if ((j + 1) % hashLength == 0) *out++ = '/';
   }
-  return result.append(name, length);
 }
+
+const char* orNull(const char* text) { return text ? text : "(null)"; }
 
 std::string joined(const OwnedChars& a, const OwnedChars& b) { return std::string(a.get()).append(b ? b.get() : ""); }
 
@@ -58,14 +61,27 @@ void linkOne(const std::string& link, const std::string& target) {
 
 }  // namespace
 
-char* createHash(const char* name) { return name ? mystrdup(hashed(name, strlen(name)).c_str()) : nullptr; }
+char* createHash(const char* name) {
+  if (!name) return nullptr;
+  char levels[kLevelsLength];
+  const size_t length = strlen(name);
+  writeLevels(name, length, levels);
+  OwnedChars result(new char[kLevelsLength + length + 1]);
+  memcpy(result.get(), levels, kLevelsLength);
+  memcpy(result.get() + kLevelsLength, name, length + 1);
+  return result.release();
+}
 
 char* convertToHashed_(const char* path) {
   if (!path) return nullptr;
   std::string result;
   const char* component = path;
   while (const char* slash = strchr(component, '/')) {
-    if (slash != component) result += hashed(component, static_cast<size_t>(slash - component)) + '/';
+    if (slash != component) {
+      char levels[kLevelsLength];
+      writeLevels(component, static_cast<size_t>(slash - component), levels);
+      result.append(levels, kLevelsLength).append(component, slash + 1);
+    }
     component = slash + 1;
   }
   return mystrdup((result + component).c_str());  // the last component is the resource's own name
@@ -74,7 +90,7 @@ char* convertToHashed_(const char* path) {
 char* convertToHashed(const char* path) { return convertToHashed_(path); }
 
 int createDirectory(const char* linkRoot, const char* hashRoot, const char* relPath) {
-  traceHash("createDirectory started with (%s, %s, %s)", linkRoot, hashRoot, relPath);
+  traceHash("createDirectory started with (%s, %s, %s)", orNull(linkRoot), orNull(hashRoot), orNull(relPath));
   const OwnedChars rel(baseDir(relPath));
   if (!rel) return 1;
   const OwnedChars root(baseDir(hashRoot));

@@ -13,6 +13,10 @@
 // Characters in each hashed level.
 extern KT_API const unsigned int hashLength;
 
+// Switches the debugging trace of paths and layout on. Off unless a developer changes it: each message opens and
+// closes the process's syslog connection, which no other thread may use meanwhile.
+extern KT_API bool isDEBUGHASH;
+
 // Hashed levels above a resource.
 constexpr unsigned int kHashLevels = 3;
 
@@ -35,7 +39,7 @@ extern "C" KT_API int createHashDirectory(const char* linkRoot, const char* hash
 
 // Removes the hashed directory of the whole of `relPath`, then every hashed level above it that is empty,
 // up to the first that is not, and the links of the link tree that dangle thereafter. Returns 0, or the
-// failing rmdir's -1 with errno when the resource's own directory stays. A root without a directory part
+// failing rmdir's -1 when the resource's own directory stays. A root without a directory part
 // gives -1. Unlike `createDirectory` it takes relPath whole: a/b/c names the directory c inside b.
 // `removeHashDirectory` is the same under a plain name.
 KT_API int removeDirectory(const char* linkRoot, const char* hashRoot, const char* relPath);

@@ -75,6 +75,7 @@ char* toResourceID(const char* repository, const char* resource) {
 }
 
 long getSize(const char* path, struct stat* status) {
+  KT_ASSERT(path);
   struct stat own;
   if (!status) {
     if (myStat(path, &own) == kStatusFailed) return -1;

@@ -1,5 +1,6 @@
 // List directories and resources, name locks, measure trees. Names only come and go as bytes: nothing is
-// decoded. The functions keep no state and report no errors: what cannot be read is left out. Any process
+// decoded. The functions keep no state. Listings report no errors: what cannot be read is
+// left out, and an entry that cannot be examined is logged by the probe. Any process
 // may call at once and sees a tree that others change meanwhile.
 
 #ifndef REPOSITORYHANDLER_LISTING_H

@@ -1,10 +1,13 @@
 // Find, create, remove and list resources: the mount layer first, then the repository layer above it.
 
+#include <sys/stat.h>
 #include <utime.h>
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
+#include <list>
+#include <utility>
+#include <vector>
 
 #include "KTOwned.h"
 #include "KTRepositoryHandler.h"
@@ -41,10 +44,6 @@ std::string withoutOuterSlashes(const std::string& id) {
   const size_t first = id.find_first_not_of('/');
   if (first == std::string::npos) return "";
   return id.substr(first, id.find_last_not_of('/') - first + 1);
-}
-
-void dropTrailingSlash(std::string& path) {
-  if (!path.empty() && path.back() == '/') path.pop_back();
 }
 
 void setTimesToNow(const std::string& path) { utime(path.c_str(), nullptr); }
@@ -84,7 +83,7 @@ char* KTMountPointHandler::getLocation(const char* id, int* result, int* mountSt
   if (closed.empty() || closed.back() != '/') closed += '/';  // so that the last component is hashed too
   const OwnedChars hashed(convertToHashed_(closed.c_str()));
   std::string path = mountPath + "/" + hashed.get();
-  if (hashed[0] != '\0') dropTrailingSlash(path);
+  if (hashed[0] != '\0') path.pop_back();  // the "/" behind the last component
   if (!exists(path.c_str())) {
     report(result, kResourceNotFound);
     return nullptr;
@@ -100,14 +99,14 @@ char* KTMountPointHandler::createLocation(const char* id, int* result) {
   if (checkStatus(true) == MOUNT_MISSING) return notCreated(result);
   const std::string subDirectory = withoutOuterSlashes(id);
   assertAt(kOneComponent, subDirectory.find('/') == std::string::npos);
-  const OwnedChars hashed(convertToHashed_((subDirectory + "/").c_str()));
-  const OwnedChars levels(parentDir(hashed.get()));
-  std::string directory = mountPath + "/" + (levels ? levels.get() : "");
-  if (!levels) {  // an id without a name has no place
-    logNotMade(directory, EINVAL);
+  if (subDirectory.empty()) {  // an id without a name has no place
+    logNotMade(mountPath + "/", EINVAL);
     return notCreated(result);
   }
-  dropTrailingSlash(directory);
+  const OwnedChars hashed(convertToHashed_((subDirectory + "/").c_str()));
+  const OwnedChars levels(parentDir(hashed.get()));
+  std::string directory = mountPath + "/" + levels.get();
+  directory.pop_back();  // the "/" behind the last level
   if (!makeDirectory(directory)) return notCreated(result);
   report(result, kResourceFound);
   return mystrdup((directory + "/" + subDirectory).c_str());
@@ -142,7 +141,7 @@ char* KTRepositoryHandler::getLocation(const char* resource, int* result, bool l
   OwnedChars location;
   if (lock) {
     KTSemaphore semaphore(lockNameOf(resource), true);
-    if (lockResource(semaphore)) location = locate(resource, result, touch);
+    if (takeResourceLock(semaphore)) location = locate(resource, result, touch);
   } else {
     location = locate(resource, result, touch);
   }
@@ -162,7 +161,7 @@ char* KTRepositoryHandler::create(const char* resource, int* result, bool noDirt
   OwnedChars location;
   {
     KTSemaphore semaphore(lockNameOf(resource), true);
-    if (lockResource(semaphore)) location = createUnderLock(resource, result, noDirtyMark, creation);
+    if (takeResourceLock(semaphore)) location = createUnderLock(resource, result, noDirtyMark, creation);
   }
   return location.release();
 }
@@ -170,7 +169,7 @@ char* KTRepositoryHandler::create(const char* resource, int* result, bool noDirt
 int KTRepositoryHandler::removeResource(const char* resource) {
   KT_ASSERT(resource);
   KTSemaphore semaphore(lockNameOf(resource), true);
-  if (!lockResource(semaphore)) return kResourceNotLocked;
+  if (!takeResourceLock(semaphore)) return kResourceNotLocked;
   if (dirtyFlagHandler.isDirty(resource)) {
     const OwnedChars joined = locate(resource, nullptr, false);
     if (dirtyFlagHandler.isDirty(resource)) return kResourceDirty;
@@ -209,10 +208,7 @@ char* KTRepositoryHandler::createToLegacy(const char* resource) {
 
 char** KTRepositoryHandler::listResources(int typeFilter, long* count, bool sort) {
   KT_ASSERT(count);
-  std::list<std::string> names;
-  for (KTMountPointHandler* mount : mountPoints) mount->listResources(names, typeFilter);
-  if (!legacyDir.empty())
-    listResourcesRecursively(legacyDir.c_str(), names, static_cast<unsigned int>(typeFilter), false, 0);
+  std::list<std::string> names = allResources(typeFilter);
   if (sort) names.sort();
   std::vector<OwnedChars> copies;
   copies.reserve(names.size());
@@ -223,11 +219,20 @@ char** KTRepositoryHandler::listResources(int typeFilter, long* count, bool sort
   return array;
 }
 
+// What is on the mounts, in their order, then what is in the legacy directory.
+std::list<std::string> KTRepositoryHandler::allResources(int typeFilter) {
+  std::list<std::string> names;
+  for (KTMountPointHandler* mount : mountPoints) mount->listResources(names, typeFilter);
+  if (!legacyDir.empty())
+    listResourcesRecursively(legacyDir.c_str(), names, static_cast<unsigned int>(typeFilter), false, 0);
+  return names;
+}
+
 std::string KTRepositoryHandler::lockNameOf(const std::string& resource) const {
   return OwnedChars(toResourceID(id.c_str(), resource.c_str())).get();
 }
 
-bool KTRepositoryHandler::lockResource(KTSemaphore& semaphore) const {
+bool KTRepositoryHandler::takeResourceLock(KTSemaphore& semaphore) const {
   if (takeLock(semaphore)) return true;
   rh_logger.errorLog(("The resource " + quoted(semaphore.name) + " could not be locked.").c_str());
   return false;

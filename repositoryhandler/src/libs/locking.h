@@ -6,14 +6,14 @@
 #include "KTException.h"
 #include "KTSemaphore.h"
 
-// Seconds of waiting before a lock counts as not taken.
-constexpr int kLockTimeout = 30;
+// How long a lock is waited for before it counts as not taken.
+constexpr int kLockTimeoutSeconds = 30;
 
 // True when the lock was taken. A time-out and a lock file that cannot be made are both answers here, not
 // exceptions: the caller goes on without the locked step. The semaphore releases the lock at its end.
 inline bool takeLock(KTSemaphore& semaphore) {
   try {
-    return semaphore.lock(kLockTimeout);
+    return semaphore.lock(kLockTimeoutSeconds);
   } catch (const KTException&) {
     return false;
   }

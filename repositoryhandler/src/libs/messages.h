@@ -8,7 +8,8 @@
 inline std::string quoted(const std::string& text) { return "\"" + text + "\""; }
 
 // `text` with an errno value behind it as one raw character, the character of that code, not as digits:
-// the established form of these lines, and what log filters look for.
+// the established form of these lines, and what log filters look for. One of the codes is a "%" (ENOLCK): passed
+// as a format, such a line ends in an unfinished conversion.
 inline std::string withErrorMark(std::string text, int failure) {
   text += static_cast<char>(failure);
   return text;

@@ -1,8 +1,9 @@
 // KTMountPointHandler: configuration, fill level, status bits.
 
+#include "KTMountPointHandler.h"
+
 #include <sys/statvfs.h>
 
-#include "KTMountPointHandler.h"
 #include "KTRepositoryHandler.h"
 #include "assertionsites.h"
 #include "configfiles.h"
@@ -25,6 +26,8 @@ KTMountPointHandler::KTMountPointHandler(const KTMountPointHandler& other) {
   rh_logger.debugLog("mount point copy constructor");
   setup(other.mountPath, other.repository);
 }
+
+KTMountPointHandler::~KTMountPointHandler() = default;
 
 void KTMountPointHandler::setup(const std::string& path, KTRepositoryHandler* owner) {
   assertAt(kMountDirectoryExists, exists(path.c_str()));
@@ -80,6 +83,10 @@ int KTMountPointHandler::checkStatus(bool useCached) {
   if (useCached) return status;
   const float used = getUsedPercentage();
   if (used == kUsageUnknown) return status = MOUNT_MISSING;
+  return status = statusBits(used);
+}
+
+int KTMountPointHandler::statusBits(float used) const {
   const struct {
     int bit;
     int limit;
@@ -99,7 +106,7 @@ int KTMountPointHandler::checkStatus(bool useCached) {
     const bool enabled = level.limit > 0 || level.bit == MOUNT_SWITCH;
     if (enabled && reaches(used, level.limit)) bits |= level.bit;
   }
-  return status = bits;
+  return bits;
 }
 
 int KTMountPointHandler::parseNatInt(const char* text) {

@@ -1,9 +1,10 @@
 // KTRepositoryHandler: the status of the whole, the choice of mounts, mounts in and out of service.
 
+#include "KTRepositoryHandler.h"
+
 #include <cstdio>
 #include <cstdlib>
 
-#include "KTRepositoryHandler.h"
 #include "configfiles.h"
 #include "filestatus.h"
 #include "librarylog.h"
@@ -13,14 +14,16 @@ namespace {
 
 constexpr int kNoMount = -1;
 
-// Mounts with one of these bits are passed over, while mounts are filled in order and when they are balanced.
-constexpr int kFillForNew = MOUNT_MISSING | MOUNT_FULL | MOUNT_SWITCH;
-constexpr int kBalanceForNew = MOUNT_MISSING | MOUNT_FULL;
-constexpr int kFillForMove = kFillForNew | MOUNT_CLEAN;
-constexpr int kBalanceForMove = kBalanceForNew | MOUNT_CLEAN;
+// What is passed over while mounts are filled in order, and while they are balanced.
+struct Exclusions {
+  int whenFilling;
+  int whenBalancing;
+};
+constexpr Exclusions kForNew = {MOUNT_MISSING | MOUNT_FULL | MOUNT_SWITCH, MOUNT_MISSING | MOUNT_FULL};
+constexpr Exclusions kForMove = {MOUNT_MISSING | MOUNT_CLEAN | MOUNT_FULL | MOUNT_SWITCH,
+                                 MOUNT_MISSING | MOUNT_CLEAN | MOUNT_FULL};
 // A full mount below its switch limit may take a legacy resource: filling does not look at the full limit here.
-constexpr int kFillForLegacy = MOUNT_MISSING | MOUNT_SWITCH;
-constexpr int kBalanceForLegacy = kBalanceForNew;
+constexpr Exclusions kForLegacy = {MOUNT_MISSING | MOUNT_SWITCH, MOUNT_MISSING | MOUNT_FULL};
 
 // The bits that a repository has when every present mount has them.
 constexpr int kSharedBits = MOUNT_SWITCH | MOUNT_WARN3 | MOUNT_WARN2 | MOUNT_WARN | MOUNT_REMIND;
@@ -96,12 +99,12 @@ void KTRepositoryHandler::rndMount() {
 
 int KTRepositoryHandler::getActualMountPoint() {
   checkRepositoryStatus();
-  return chooseMount(nullptr, kFillForNew, kBalanceForNew);
+  return chooseMount(nullptr, kForNew.whenFilling, kForNew.whenBalancing);
 }
 
 int KTRepositoryHandler::getActualMountPointForMove(KTMountPointHandler* source) {
   checkRepositoryStatus();
-  return chooseMount(source, kFillForMove, kBalanceForMove);
+  return chooseMount(source, kForMove.whenFilling, kForMove.whenBalancing);
 }
 
 int KTRepositoryHandler::getActualMountPointForLegacy() {
@@ -112,15 +115,15 @@ int KTRepositoryHandler::getActualMountPointForLegacy() {
     if (mount.status & (MOUNT_MISSING | MOUNT_FULL)) continue;
     if (IsOnTheSameMount(mount.mountPath.c_str(), legacyDir.c_str())) return static_cast<int>(i);
   }
-  return chooseMount(nullptr, kFillForLegacy, kBalanceForLegacy);
+  return chooseMount(nullptr, kForLegacy.whenFilling, kForLegacy.whenBalancing);
 }
 
 // The rule by which every choice is made, on the status bits just refreshed; `source` is never chosen.
-int KTRepositoryHandler::chooseMount(const KTMountPointHandler* source, int fillMask, int balanceMask) {
+int KTRepositoryHandler::chooseMount(const KTMountPointHandler* source, int notFilled, int notBalanced) {
   if (status & REPOSITORY_FULL) return kNoMount;
-  if (status & MOUNT_SWITCH) return leastUsedMount(source, balanceMask);
+  if (status & MOUNT_SWITCH) return leastUsedMount(source, notBalanced);
   for (size_t i = 0; i < mountPoints.size(); ++i)
-    if (mountPoints[i] != source && !(mountPoints[i]->status & fillMask)) return static_cast<int>(i);
+    if (mountPoints[i] != source && !(mountPoints[i]->status & notFilled)) return static_cast<int>(i);
   return kNoMount;
 }
 

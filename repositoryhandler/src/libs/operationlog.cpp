@@ -56,7 +56,7 @@ void writeToLogGlobal(const char* path, const char* text) {
       return;
     }
     writeUnlessThere(path, text);
-  } catch (const KTException&) {
-    // Only the release of the lock can throw here. The line is written; nothing is thrown to the caller.
+  } catch (const KTException& failure) {  // the lock file could not be removed, and holds up whoever comes next
+    rh_logger.errorLog(failure.m_message.c_str());
   }
 }

@@ -10,7 +10,7 @@
 // last line without its line feed is found, and a new text then goes directly behind it.
 // Check and append are one step between processes, under a lock named after the file, waited for up to 30
 // seconds. Nothing is thrown: a lock not taken and a file that cannot be opened are logged, and nothing is
-// written. Null arguments are ignored.
+// written; a lock that cannot be released is logged. Null arguments are ignored.
 KT_API void writeToLogGlobal(const char* path, const char* text);
 
 #endif

@@ -13,6 +13,9 @@
 
 namespace {
 
+// Bytes; most link targets fit. It doubles until the target does.
+constexpr size_t kFirstTargetSize = 100;
+
 const char* orEmpty(const char* text) { return text ? text : ""; }
 
 void dropTrailingSlash(std::string& path) {
@@ -24,6 +27,15 @@ char* copyOfFirst(const char* text, size_t length) {
   memcpy(copy.get(), text, length);
   copy[length] = '\0';
   return copy.release();
+}
+
+// mkdir; no failure when another process has made the directory since we looked. Else errno is mkdir's.
+bool makeOrFind(const char* path, mode_t mode) {
+  if (mkdir(path, mode) == 0) return true;
+  const int failure = errno;
+  const bool found = failure == EEXIST && exists(path);
+  errno = failure;
+  return found;
 }
 
 }  // namespace
@@ -63,7 +75,7 @@ char* append(char* a, const char* b) {
   return append0(a, b);
 }
 
-bool exists(const char* name) { return access(name, F_OK) == 0; }
+bool exists(const char* name) { return name && access(name, F_OK) == 0; }
 
 int mkdirs(const char* path, unsigned long mode) {
   if (!path) {
@@ -78,10 +90,8 @@ int mkdirs(const char* path, unsigned long mode) {
       traceHash("the subdir %s exists", prefix.c_str());
     } else {
       traceHash("creating directory %s", prefix.c_str());
-      if (mkdir(prefix.c_str(), static_cast<mode_t>(mode)) != 0) {
-        const int failure = errno;
+      if (!makeOrFind(prefix.c_str(), static_cast<mode_t>(mode))) {
         traceHash("failed");
-        errno = failure;
         return -1;
       }
     }
@@ -95,7 +105,7 @@ int mkdirs(const char* path, unsigned long mode) {
 bool isDangling(const char* path) {
   std::string link(orEmpty(path));
   dropTrailingSlash(link);
-  std::vector<char> target(100);
+  std::vector<char> target(kFirstTargetSize);
   ssize_t length = readlink(link.c_str(), target.data(), target.size());
   while (length >= static_cast<ssize_t>(target.size())) {  // it may have been cut
     target.resize(target.size() * 2);

@@ -39,8 +39,8 @@ KT_API bool exists(const char* name);
 
 // Makes `path` and every missing directory above it with `mode`. Returns 0, or -1 with errno when a
 // directory above `path` could not be made; what was made until then stays. That the last directory
-// could not be made is not told: callers look whether it exists. An existing path gives 0, whoever made
-// it, so processes may make one path at once.
+// could not be made is not told: callers look whether it exists. An existing path gives 0, and a
+// directory that another process makes at the same time is no failure.
 KT_API int mkdirs(const char* path, unsigned long mode);
 
 // True when `path` is no readable symbolic link, or when what it points to does not exist. The target is

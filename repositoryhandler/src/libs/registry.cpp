@@ -9,6 +9,8 @@
 KTLogger rh_logger("KTRepositoryHandler");
 RepMap repositoryMap;
 
+RepMap::RepMap() = default;
+
 RepMap::~RepMap() {
   for (const auto& entry : *this) delete entry.second;
   clear();

@@ -15,7 +15,7 @@
 // Repositories by identifier, as given by the callers, byte for byte. It owns them.
 class KT_API RepMap : public std::map<std::string, KTRepositoryHandler*> {
  public:
-  RepMap() = default;
+  RepMap();
   ~RepMap();
   RepMap(const RepMap&) = delete;
   RepMap& operator=(const RepMap&) = delete;

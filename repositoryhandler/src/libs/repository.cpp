@@ -1,10 +1,11 @@
 // KTRepositoryHandler: configuration and staleness.
 
+#include "KTRepositoryHandler.h"
+
 #include <cstring>
 
 #include "KTException.h"
 #include "KTProperties.h"
-#include "KTRepositoryHandler.h"
 #include "configfiles.h"
 #include "filestatus.h"
 #include "librarylog.h"

@@ -25,8 +25,8 @@ using SizeSet = std::set<CountResourceSetEntry, ctres>;
 
 constexpr char kCacheName[] = "/.count";
 constexpr char kScratchName[] = "/.countres";
-// Seconds. A resource used more recently keeps the times that measuring left it: nobody may lose a use.
-constexpr time_t kIdleTime = 3600;
+// A resource used more recently keeps the times that measuring left it: nobody may lose a use.
+constexpr time_t kIdleSeconds = 3600;
 
 // Lines come in threes: name, time, size. What is no number reads as 0.
 SizeCache readCache(const std::string& file) {
@@ -72,7 +72,7 @@ long runDu(const std::string& path, const std::string& scratch) {
 
 // du reads the directories it measures; an idle resource must not look used because of that.
 void restoreIdleTimes(const std::string& path, const struct stat& before) {
-  const time_t idleSince = time(nullptr) - kIdleTime;
+  const time_t idleSince = time(nullptr) - kIdleSeconds;
   if (before.st_atime >= idleSince || before.st_mtime >= idleSince) return;
   const utimbuf times = {before.st_atime, before.st_mtime};
   utime(path.c_str(), &times);

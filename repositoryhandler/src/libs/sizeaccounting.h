@@ -35,14 +35,16 @@ struct KT_API ctres {
 // stand once in the file.
 //   flat  the directory's entries are the resources, symbolic links apart; otherwise it holds the hashed
 //         layout
-// Throws KTAssertionException "f" when ".count" or the output of du cannot be opened; ".count" is then as
-// it was. The output of du stays behind in ".countres".
+// Names stand in the command between double quotes: a double quote, "$" or backquote in one makes another command.
+// Throws KTAssertionException for a null directory, and "f" when ".count" or the output of du cannot be opened;
+// ".count" is then as it was. The output of du stays behind in ".countres".
 extern "C" KT_API long countSize(const char* directory, bool flat);
 
 // The walk: adds the resources below `directory` to *found and gives `total` plus their kilobytes.
 //   cache  what is remembered, by name
 //   root   where ".countres" is written
 //   depth  3 is the level of the resources
+// No pointer may be null.
 // Throws KTAssertionException "f" when the output of du cannot be opened.
 KT_API long countSizeRecursively(const char* directory, std::map<std::string, CountResourceEntry>* cache,
                                  std::set<CountResourceSetEntry, ctres>* found, const char* root, long total,

@@ -68,7 +68,7 @@ int mergeDirectory(const char* origin, const char* destination, const utimbuf& t
 }  // namespace
 
 int moveRes(const char* origin, const char* destination) {
-  assertAt(kOriginExists, access(origin, F_OK) == 0);
+  assertAt(kOriginExists, exists(origin));
   KT_ASSERT(destination);
   struct stat status;
   if (myStat(origin, &status) != 0) {

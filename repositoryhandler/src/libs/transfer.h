@@ -1,6 +1,7 @@
 // Move, delete and tidy up resources on disk. The work is done by the shell's cp, diff and rm, so a move
 // is always copy, compare, delete, on one file system as between two. Paths stand in the commands as they
-// are, unquoted: callers pass paths of the hashed layout. No lock is taken: the caller holds the
+// are, unquoted: a blank or a character that the shell interprets, in an id or in the path of a disk, makes another
+// command of it. Callers answer for their paths. No lock is taken: the caller holds the
 // resource's. Nothing is rolled back; each function says what a failure leaves behind.
 
 #ifndef REPOSITORYHANDLER_TRANSFER_H
@@ -29,7 +30,8 @@ KT_API int moveRes(const char* origin, const char* destination);
 KT_API int mountRename(const char* origin, const char* destination);
 
 // Deletes `path` and everything below it; a symbolic link to a directory is followed. Returns 0, also
-// when nothing is there, or 8 (logged), leaving what is not deleted yet.
+// when nothing is there, or 8 (logged), leaving what is not deleted yet. A link whose target is missing counts as
+// nothing there: it stays, and the directory that holds it cannot be removed.
 KT_API int deleteRes(const char* path);
 
 // After `path` has gone, removes up to three directories above it, as long as they are empty. Does nothing

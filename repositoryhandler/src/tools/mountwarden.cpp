@@ -10,6 +10,7 @@ int main(int count, char** arguments) {
     puts("Usage: mountwarden <repository>");
     return -1;
   }
+  setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);  // so that a pass that is aborted has told how far it came
   puts("calling library...");
   checkOverload_(arguments[1], true);
   return 0;
