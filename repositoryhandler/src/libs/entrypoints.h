@@ -18,8 +18,8 @@
 
 extern "C" {
 
-// Sets the access and modification time of a resource, seconds since the epoch. Returns 1 when they are set,
-// else 0.
+// Sets the access and modification time of a resource, seconds since the epoch, both to now for null times. Returns 1
+// when they are set, else 0.
 KT_API int setTimeProperties_(const char* repository, const char* resource, utimbuf* times);
 // Reads them into *times. Returns 1 when the resource is found, else 0 with *times untouched.
 KT_API int getTimeProperties_(const char* repository, const char* resource, utimbuf* times);
@@ -32,7 +32,8 @@ KT_API void checkOverload_(const char* repository, bool verbose);
 // Reads the configuration again, whether it changed or not.
 KT_API void setup_(const char* repository);
 // The paths that the last balancing pass in this process deleted or tried to delete. The list is the
-// repository's and goes with the next look-up that finds the configuration changed.
+// repository's and goes with the next look-up that finds a configuration file changed or missing, this one included: of
+// a repository without "repository.cfg" it is always empty.
 KT_API std::list<std::string>* getDeletedDirs_(const char* repository);
 // Puts all mounts back in service and returns the repository's status bits.
 KT_API int giveBackMounts_(const char* repository);
@@ -44,7 +45,8 @@ KT_API void rndMount_(const char* repository);
 // Removes every resource of the repository.
 KT_API void makeEmpty_(const char* repository);
 
-// Makes a directory for a resource in the legacy directory. Returns its path, or null.
+// Makes a directory for a resource in the legacy directory. Returns its path, or null when there is no legacy directory
+// or a directory above it cannot be made; that the last one could not be made is not told.
 KT_API char* createToLegacy_(const char* repository, const char* resource);
 
 // The ids of all resources that are directories, and of all that are not, sorted by bytes with `sort`: an array
@@ -55,7 +57,8 @@ KT_API char** listFiles_(const char* repository, long* count, bool sort);
 // Removes a resource. Returns 0; 1 when a mount is away on which a copy may be; 4 when there is none; 8 when
 // not all of it could be deleted; 16 when it is not locked within 30 seconds.
 KT_API int removeResource_(const char* repository, const char* resource);
-// Returns what getLocation_ stores in *status, or 16 when the resource is not locked within 30 seconds.
+// Returns what getLocation_ stores in *status; 0 for a resource that stays in the legacy directory, 16 when the
+// resource is not locked within 30 seconds.
 KT_API int checkResourceStatus_(const char* repository, const char* resource);
 // The repository's status bits, without 0x10, which only steers the choice of mounts.
 KT_API int getRepositoryStatus_(const char* repository);
@@ -65,10 +68,11 @@ KT_API int getRepositoryStatus_(const char* repository);
 // the resource is not locked within 30 seconds, and when it stays in the legacy directory.
 KT_API char* getLocation_(const char* repository, const char* resource, int* status);
 // Where a resource lives or, for a new one, is to be made: the directories above it exist. *status as
-// getLocation_, and 8 with null when no mount can take it.
+// getLocation_, and 8 with null when no mount can take it. That the last directory could not be made is not told: look
+// whether it exists.
 //   noDirtyMark  do not mark a resource that is made while a mount is away as one of which a copy may be there
 KT_API char* createLocation_(const char* repository, const char* resource, int* status, bool noDirtyMark);
-// The same, and the resource's directory exists.
+// The same, and the resource's directory is made.
 KT_API char* createDirectory_(const char* repository, const char* resource, int* status, bool noDirtyMark);
 }
 

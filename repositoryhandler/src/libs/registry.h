@@ -25,8 +25,9 @@ extern KT_API RepMap repositoryMap;
 
 // The handler of the repository at `id`, built on first use and built anew when a configuration file of it is
 // missing or has changed. The registry's: valid until the next look-up, which may delete it. Throws
-// KTAssertionException for a null, or when a listed mount's directory does not exist; there is no entry for the
-// repository then.
+// KTAssertionException for a null, when a listed mount's directory does not exist, or when the dirty set cannot
+// be read, and KTIOException when the dirty set's lock file cannot be removed; there is no entry for the repository
+// then.
 KT_API KTRepositoryHandler* getRepository(const char* id);
 
 #endif
