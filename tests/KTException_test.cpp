@@ -110,9 +110,18 @@ TEST(KTExceptionTest, CodeIsRenderedAsASignedDecimal) {
 }
 
 TEST(KTExceptionTest, RenderingReplacesWhatTheStringHeld) {
-  std::string text = "an earlier text that is much longer than the rendering of this exception";
-  KTException(5, std::string("m")).toString(text);
-  EXPECT_EQ(text, "Unknown Exception: [5] m");
+  const KTException unknown(5, std::string("m"));
+  const KTIOException io(5, "m");
+  const KTTimeoutException timeout(5, "m");
+  const KTAssertionException plain("x", 1, "f");
+  const KTAssertionException detailed("x", 1, "f", "m");
+  for (const KTException* exception :
+       std::initializer_list<const KTException*>{&unknown, &io, &timeout, &plain, &detailed}) {
+    std::string text = "an earlier text that is much longer than the rendering of this exception";
+    exception->toString(text);
+    EXPECT_EQ(text, rendered(*exception));
+    EXPECT_LT(text.size(), 40U);
+  }
 }
 
 TEST(KTExceptionTest, RenderingAsCharArrayIsAFreshOneEachTime) {

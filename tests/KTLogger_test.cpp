@@ -109,11 +109,11 @@ TEST_F(KTLoggerTest, VariableNamesOneOfTheLocalFacilities) {
     std::optional<std::string> value;
     int facility;
   } table[] = {
-      {"local0", LOG_LOCAL0},  {"local1", LOG_LOCAL1}, {"local2", LOG_LOCAL2},  {"local3", LOG_LOCAL3},
-      {"local4", LOG_LOCAL4},  {"local5", LOG_LOCAL5}, {"local6", LOG_LOCAL6},  {"local7", LOG_LOCAL7},
-      {std::nullopt, LOG_LOCAL0}, {"", LOG_LOCAL0},    {"LOCAL5", LOG_LOCAL0},  {"Local5", LOG_LOCAL0},
-      {"local5 ", LOG_LOCAL0}, {" local5", LOG_LOCAL0}, {"local", LOG_LOCAL0},  {"local8", LOG_LOCAL0},
-      {"local55", LOG_LOCAL0}, {"user", LOG_LOCAL0},   {"daemon", LOG_LOCAL0},  {"5", LOG_LOCAL0},
+      {"local0", LOG_LOCAL0},     {"local1", LOG_LOCAL1},  {"local2", LOG_LOCAL2}, {"local3", LOG_LOCAL3},
+      {"local4", LOG_LOCAL4},     {"local5", LOG_LOCAL5},  {"local6", LOG_LOCAL6}, {"local7", LOG_LOCAL7},
+      {std::nullopt, LOG_LOCAL0}, {"", LOG_LOCAL0},        {"LOCAL5", LOG_LOCAL0}, {"Local5", LOG_LOCAL0},
+      {"local5 ", LOG_LOCAL0},    {" local5", LOG_LOCAL0}, {"local", LOG_LOCAL0},  {"local8", LOG_LOCAL0},
+      {"local55", LOG_LOCAL0},    {"user", LOG_LOCAL0},    {"daemon", LOG_LOCAL0}, {"5", LOG_LOCAL0},
   };
   KTLogger logger("kt");
   for (const auto& row : table) {

@@ -9,8 +9,6 @@
 #include <climits>
 #include <csignal>
 #include <filesystem>
-#include <memory>
-#include <numeric>
 #include <stdexcept>
 #include <vector>
 
@@ -52,7 +50,19 @@ mode_t modeOf(const std::string& path) {
   return status.st_mode;
 }
 
+constexpr int kMostAlarms = 1000;  // then they stop, so that a sleep that is resumed comes to its end
 volatile sig_atomic_t alarms = 0;
+
+// Every so many microseconds; 0: no more.
+void setAlarm(suseconds_t interval) {
+  const itimerval timer = {{0, interval}, {0, interval}};
+  setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+void countAlarm(int) {
+  alarms = alarms + 1;
+  if (alarms == kMostAlarms) setAlarm(0);
+}
 
 }  // namespace
 
@@ -136,7 +146,7 @@ TEST(KTSemaphoreTest, EmptyVariablePutsTheLockAtTheRootOfTheFileSystem) {
 TEST(KTSemaphoreTest, DirectoryIsChosenAtConstruction) {
   const ScratchDirectory first;
   const ScratchDirectory second;
-  auto variable = std::make_unique<EnvironmentVariable>("LOCK_VAR", first.path());
+  const EnvironmentVariable variable("LOCK_VAR", first.path());
   KTSemaphore semaphore("m1", true);
   const EnvironmentVariable changed("LOCK_VAR", second.path());
   ASSERT_TRUE(semaphore.lockResource());
@@ -304,7 +314,7 @@ TEST(KTSemaphoreTest, PauseIsDrawnFrom10To989Milliseconds) {
   KTSemaphore holder("m1", dir.path(), true);
   ASSERT_TRUE(holder.lockResource());
   FakeClock clock;
-  // 2191324 is the first number that gives the second step: 2^31 / 980 is 2191309.8, so it is 2191310.
+  // One step of 980 is 2^31 / 980 = 2191309.8 wide.
   clock.randoms = {0, 2191309, 2191310, 1073741823, 1073741824, kHighestRandom};
   const size_t draws = clock.randoms.size();
   clock.onSleep = [&] {
@@ -396,18 +406,16 @@ TEST(KTSemaphoreTest, PauseCutShortBySignalIsNotResumed) {
   ASSERT_TRUE(holder.lockResource());
   struct sigaction action = {};
   struct sigaction before = {};
-  action.sa_handler = [](int) { alarms = alarms + 1; };
+  action.sa_handler = countAlarm;
   ASSERT_EQ(sigaction(SIGALRM, &action, &before), 0);
-  const itimerval everyMillisecond = {{0, 1000}, {0, 1000}};
-  const itimerval never = {};
   alarms = 0;
-  setitimer(ITIMER_REAL, &everyMillisecond, nullptr);
+  setAlarm(1000);
   KTSemaphore stranger("m1", dir.path(), true);
-  EXPECT_THROW(stranger.lock(30), KTTimeoutException);
-  setitimer(ITIMER_REAL, &never, nullptr);
+  EXPECT_THROW(stranger.lock(3), KTTimeoutException);
+  setAlarm(0);
   sigaction(SIGALRM, &before, nullptr);
-  // About 60 pauses are drawn, each over at the next alarm. Slept to their end they would see 30000.
-  EXPECT_LT(alarms, 3000);
+  // Some six pauses are drawn, each over at the next alarm. Slept to their end they would see 3000.
+  EXPECT_LT(alarms, kMostAlarms);
 }
 
 TEST(KTSemaphoreTest, UnlockRemovesTheFileAndFreesTheLock) {

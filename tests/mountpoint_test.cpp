@@ -65,7 +65,7 @@ class MountPointTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(MountPointTest, NaturalNumbersAreDecimalDigitsAlone) {
+TEST(NaturalNumberTest, NaturalNumbersAreDecimalDigitsAlone) {
   const struct {
     const char* text;
     int want;
@@ -82,7 +82,7 @@ TEST_F(MountPointTest, NaturalNumbersAreDecimalDigitsAlone) {
     EXPECT_EQ(KTMountPointHandler::parseNatInt(row.text), row.want) << '"' << row.text << '"';
 }
 
-TEST_F(MountPointTest, LargeNumbersWrapAround) {
+TEST(NaturalNumberTest, LargeNumbersWrapAround) {
   const struct {
     const char* text;
     int want;
@@ -101,11 +101,11 @@ TEST_F(MountPointTest, LargeNumbersWrapAround) {
   for (const auto& row : rows) EXPECT_EQ(KTMountPointHandler::parseNatInt(row.text), row.want) << row.text;
 }
 
-TEST_F(MountPointTest, LeadingZerosOfAnyNumberAreAccepted) {
+TEST(NaturalNumberTest, LeadingZerosOfAnyNumberAreAccepted) {
   EXPECT_EQ(KTMountPointHandler::parseNatInt((std::string(5000, '0') + "95").c_str()), 95);
 }
 
-TEST_F(MountPointTest, NoTextIsNoNumber) { EXPECT_EQ(KTMountPointHandler::parseNatInt(nullptr), -1); }
+TEST(NaturalNumberTest, NoTextIsNoNumber) { EXPECT_EQ(KTMountPointHandler::parseNatInt(nullptr), -1); }
 
 TEST_F(MountPointTest, TakesPathsAndLimitsFromItsRepository) {
   files.configure("switchLimit=11\nfullLimit=12\ncleanLimit=13\nmoveLimit=14\nnomoveTimeSeconds=15\n");
@@ -141,7 +141,8 @@ TEST_F(MountPointTest, EachKeyOfItsOwnFileReplacesOneLimit) {
 }
 
 TEST_F(MountPointTest, ItsOwnFileSaysNothingAboutTheOtherSettings) {
-  files.configureMount(0, "remindLimit=1\nwarnLimit=2\nwarn2Limit=3\nwarn3Limit=4\nnomoveTime=5\nnomoveTimeSeconds=6\n");
+  files.configureMount(0,
+                       "remindLimit=1\nwarnLimit=2\nwarn2Limit=3\nwarn3Limit=4\nnomoveTime=5\nnomoveTimeSeconds=6\n");
   KTRepositoryHandler repository(files.id());
   EXPECT_EQ(repository.mountPoints.at(0)->nomoveTime, 86400);
   EXPECT_EQ(repository.remindLimit, 80);
@@ -239,9 +240,7 @@ TEST_F(MountPointTest, OnlyExistenceOfItsDirectoryIsAskedFor) {
   ASSERT_EQ(chmod(path.c_str(), 0755), 0);
 }
 
-TEST_F(MountPointTest, NeedsARepository) {
-  EXPECT_THROW(KTMountPointHandler(path, nullptr), KTAssertionException);
-}
+TEST_F(MountPointTest, NeedsARepository) { EXPECT_THROW(KTMountPointHandler(path, nullptr), KTAssertionException); }
 
 TEST_F(MountPointTest, AnotherSetupForgetsStatusAndLimits) {
   TestRepository others({"d1", "d2"}, "switchLimit=40\n");
@@ -353,7 +352,7 @@ TEST_F(MountPointTest, TheDefaultLimitsRiseInSteps) {
   const struct {
     int percent;
     int want;
-  } rows[] = {{0, 0},     {79, 0},    {80, 0x01}, {89, 0x01}, {90, 0x03}, {91, 0x03}, {92, 0x07},  {93, 0x07},
+  } rows[] = {{0, 0},     {79, 0},    {80, 0x01}, {89, 0x01}, {90, 0x03}, {91, 0x03}, {92, 0x07}, {93, 0x07},
               {94, 0x0f}, {95, 0x1f}, {96, 0x1f}, {97, 0x3f}, {98, 0x7f}, {99, 0xff}, {100, 0xff}};
   KTRepositoryHandler repository(files.id());
   for (const auto& row : rows) {

@@ -10,7 +10,7 @@
 #include <optional>
 
 #include "fakes/fakes.h"
-#include "hashtrace.h"
+#include "hashlayout.h"
 #include "support/child.h"
 #include "support/scratch.h"
 
@@ -143,10 +143,10 @@ TEST(BaseDirTest, EndsWithTheLastSlash) {
     Text path;
     Text want;
   } rows[] = {
-      {"a/b/c", "a/b/"}, {"a/b/", "a/b/"},       {"a/b", "a/"},   {"a/", "a/"},
-      {"/abc", "/"},     {"/abc/", "/abc/"},     {"/", "/"},      {"//", "//"},
-      {"//a", "//"},     {"a//b", "a//"},        {"abc", {}},     {"", {}},
-      {{}, {}},          {"./a", "./"},          {"../", "../"},  {"/a/b//", "/a/b//"},
+      {"a/b/c", "a/b/"}, {"a/b/", "a/b/"},       {"a/b", "a/"},       {"a/", "a/"},
+      {"/abc", "/"},     {"/abc/", "/abc/"},     {"/", "/"},          {"//", "//"},
+      {"//a", "//"},     {"a//b", "a//"},        {"abc", {}},         {"", {}},
+      {{}, {}},          {"./a", "./"},          {"../", "../"},      {"/a/b//", "/a/b//"},
       {" /x", " /"},     {"\xff/\xfe", "\xff/"}, {"a\\b/c", "a\\b/"},
   };
   for (const auto& row : rows) EXPECT_EQ(taken(baseDir(orNull(row.path))), row.want) << row.path.value_or("null");
@@ -162,10 +162,10 @@ TEST(ParentDirTest, IsTheDirectoryAboveTheBase) {
     Text path;
     Text want;
   } rows[] = {
-      {"a/b/c", "a/"},    {"a/b/", "a/"},   {"a/b/c/", "a/b/"}, {"/a/b/c", "/a/"}, {"/a/b/", "/a/"}, {"/a/b", "/"},
-      {"/a/", "/"},       {"/a", {}},       {"a/", {}},         {"a/b", {}},       {"/", {}},        {"//", "/"},
-      {"//a", "/"},       {"a//", "a/"},    {"a//b", "a/"},     {"abc", {}},       {"", {}},         {{}, {}},
-      {"a/b//c", "a/b/"},
+      {"a/b/c", "a/"}, {"a/b/", "a/"}, {"a/b/c/", "a/b/"}, {"/a/b/c", "/a/"},  {"/a/b/", "/a/"},
+      {"/a/b", "/"},   {"/a/", "/"},   {"/a", {}},         {"a/", {}},         {"a/b", {}},
+      {"/", {}},       {"//", "/"},    {"//a", "/"},       {"a//", "a/"},      {"a//b", "a/"},
+      {"abc", {}},     {"", {}},       {{}, {}},           {"a/b//c", "a/b/"},
   };
   for (const auto& row : rows) EXPECT_EQ(taken(parentDir(orNull(row.path))), row.want) << row.path.value_or("null");
 }
@@ -182,7 +182,7 @@ TEST(Append0Test, JoinsWithoutAnythingInBetween) {
     Text b;
     std::string want;
   } rows[] = {
-      {"a", "b", "ab"}, {"a/", "/b", "a//b"}, {"", "b", "b"}, {"a", "", "a"}, {"", "", ""},
+      {"a", "b", "ab"}, {"a/", "/b", "a//b"}, {"", "b", "b"}, {"a", "", "a"},       {"", "", ""},
       {{}, "b", "b"},   {"a", {}, "a"},       {{}, {}, ""},   {"%s", "%n", "%s%n"},
   };
   for (const auto& row : rows) EXPECT_EQ(taken(append0(orNull(row.a), orNull(row.b))), row.want);

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <functional>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -515,7 +517,6 @@ TEST_F(MoveResTest, AnOriginThatCannotBeRemovedAfterItsEntriesIsLoggedAndGivesEi
   setTimes(from(), kLongAgo);
   makeDirectories(to());
   const FailingCall refused("rmdir", ENOTEMPTY, from());
-  const FailingCall times("utime", EPERM, to(), 0, 0);
   CallWatch watch;
   EXPECT_EQ(move(), 8);
   EXPECT_THAT(log.texts(LOG_ERR),
@@ -614,7 +615,7 @@ class SweptMove {
   ScratchDirectory directory;
   FakeSyslog log;
   const std::string from = directory / "from";
-  const std::string to = directory / "to";
+  const std::string to = directory / "FP/IA/to";
 };
 
 // How a shell command fails: it is not run at all, or cp writes one file half and stops.
@@ -675,9 +676,9 @@ TEST(TransferSweepTest, EachFileIsCompleteInOnePlaceWhicheverCommandOfAMoveFails
 }
 
 TEST(TransferSweepTest, EachFileIsCompleteInOnePlaceWhicheverFileCallOfAMoveFails) {
-  const std::vector<Sweep> sweeps = {{"stat", false},   {"stat", true},   {"scandir", true}, {"rmdir", true},
-                                     {"utime", false},  {"utime", true},  {"mkdir", false},  {"mkdir", true},
-                                     {"access", false}, {"access", true}, {"remove", true},  {"fopen", true}};
+  const std::vector<Sweep> sweeps = {{"stat", false},  {"stat", true},    {"scandir", true},
+                                     {"rmdir", true},  {"utime", false},  {"utime", true},
+                                     {"mkdir", false}, {"access", false}, {"access", true}};
   for (const Sweep& sweep : sweeps) {
     for (int round = 0;; ++round) {
       SCOPED_TRACE(sweep.function + std::string(" ") + std::to_string(round) + (sweep.merges ? " merging" : ""));
@@ -694,6 +695,7 @@ TEST(TransferSweepTest, EachFileIsCompleteInOnePlaceWhicheverFileCallOfAMoveFail
       // A destination that looks absent is the one case that costs what was there.
       if (sweep.merges && sweep.function != std::string("access")) move.expectOwnFiles();
       if (failed > 0) continue;
+      EXPECT_GT(round, 0) << "there was nothing to fail";
       EXPECT_EQ(result, 0);
       move.expectMoved();
       break;
@@ -892,12 +894,4 @@ TEST_F(ClearEmptyHashTest, ATrailingSlashMakesThePathItselfTheFirstToGo) {
   clearEmptyHash((directory / "AA/gone/").c_str());
   EXPECT_EQ(watch.calls.back(), "remove " + (directory / "AA/gone"));
   EXPECT_TRUE(isThere(directory / "AA"));
-}
-
-TEST_F(ClearEmptyHashTest, LeavesTheCallersPathAlone) {
-  makeDirectories(directory / "AA/BB/CC");
-  const std::string path = directory / "AA/BB/CC/gone";
-  const std::string before = path;
-  clearEmptyHash(path.c_str());
-  EXPECT_EQ(path, before);
 }

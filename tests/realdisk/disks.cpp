@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ostream>
 #include <stdexcept>
 
 #include "fakes/fakes.h"
@@ -19,6 +20,10 @@
 namespace {
 
 constexpr off_t kMebibyte = 1024 * 1024;
+
+// How often a disk is measured until it has freed what was removed; half a minute, of which a moment is needed.
+constexpr int kMostMeasurements = 3000;
+constexpr useconds_t kMicrosecondsBetween = 10000;
 
 struct Making {
   const char* name;
@@ -57,13 +62,14 @@ class Descriptor {
   int number;
 };
 
-// Not through `system`, which may be faked.
+// Not through `system`, which may be faked. Only what the command complains about is shown.
 void run(std::vector<const char*> command, const std::string& last) {
   command.push_back(last.c_str());
   command.push_back(nullptr);
   const pid_t process = fork();
   if (process < 0) refused("fork");
   if (process == 0) {
+    dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
     setenv("PATH", "/usr/sbin:/sbin:/usr/bin:/bin", 1);
     execvp(command[0], const_cast<char* const*>(command.data()));
     _exit(127);
@@ -103,6 +109,8 @@ off_t bytesOf(const struct statvfs& space, double percent) {
 
 const char* nameOf(DiskKind kind) { return makingOf(kind).name; }
 
+void PrintTo(DiskKind kind, std::ostream* out) { *out << nameOf(kind); }
+
 void enterPrivateMounts() {
   static bool entered = false;
   if (entered) return;
@@ -140,7 +148,9 @@ void RealDisks::takeAway(const std::string& directory) {
 void RealDisks::giveBack(const std::string& directory) { move(diskOf(directory), directory); }
 
 void RealDisks::setReadOnly(const std::string& directory, bool readOnly) {
-  mountOrRefuse("disk", diskOf(directory).place, nullptr, MS_REMOUNT | MS_BIND | (readOnly ? MS_RDONLY : 0UL), "");
+  unsigned long flags = MS_REMOUNT | MS_BIND;
+  if (readOnly) flags |= MS_RDONLY;
+  mountOrRefuse("disk", diskOf(directory).place, nullptr, flags, "");
 }
 
 RealDisks::Disk& RealDisks::diskOf(const std::string& directory) {
@@ -202,6 +212,16 @@ void fillTo(const std::string& directory, double percent) {
   }
 }
 
+bool settlesBelow(const std::string& directory, double percent) {
+  for (int measured = 0; measured < kMostMeasurements; ++measured) {
+    if (usedPercent(directory) < percent) return true;
+    usleep(kMicrosecondsBetween);
+  }
+  return false;
+}
+
 void relieve(const std::string& directory) {
+  const double before = usedPercent(directory);
   if (unlink((directory + "/ballast").c_str()) != 0) refused("remove the ballast of " + directory);
+  if (!settlesBelow(directory, before - 1)) throw std::runtime_error("the room of the ballast does not come back");
 }

@@ -1,0 +1,68 @@
+// Real file systems for tests: small disks, mounted in a mount namespace that belongs to the test process alone.
+// Nobody else sees them, and they go with the process, however it ends: the namespace dies with its last process,
+// and a loop device lets its image go with the last mount. Needs root, and the mkfs of the kind. A machine that lacks
+// one of them fails the test with a text that says which; nothing is skipped.
+
+#ifndef TESTS_REALDISK_DISKS_H
+#define TESTS_REALDISK_DISKS_H
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "support/scratch.h"
+
+enum class DiskKind { tmpfs, ext4, xfs, btrfs };
+
+const char* nameOf(DiskKind kind);
+void PrintTo(DiskKind kind, std::ostream* out);  // for GoogleTest
+
+// Gives the process a mount namespace of its own, out of which no mount is propagated. Once per process; further
+// calls do nothing. Throws std::runtime_error when the machine does not allow it.
+void enterPrivateMounts();
+
+// The disks of one test. Every operation throws std::runtime_error when the machine refuses it.
+class RealDisks {
+ public:
+  explicit RealDisks(DiskKind kind);
+  // Unmounts all. A disk that is still in use then fails the test.
+  ~RealDisks();
+  RealDisks(const RealDisks&) = delete;
+  RealDisks& operator=(const RealDisks&) = delete;
+
+  // Makes a new, empty disk and mounts it on the directory.
+  void mountAt(const std::string& directory);
+  // The disk goes away with all that is on it, and comes back. What lies below the mount shows meanwhile.
+  void takeAway(const std::string& directory);
+  void giveBack(const std::string& directory);
+  void setReadOnly(const std::string& directory, bool readOnly);
+
+ private:
+  struct Disk {
+    std::string directory;
+    std::string place;  // where it is mounted now
+  };
+
+  Disk& diskOf(const std::string& directory);
+  void mountImage(const std::string& directory);
+  void move(Disk& disk, const std::string& to);
+  void unmount(const std::string& place);
+
+  DiskKind kind;
+  ScratchDirectory images;  // the mount point of a tmpfs that holds the images
+  std::vector<Disk> disks;
+};
+
+// Percent of the disk's blocks that are not available, asked after everything was written out: some file systems
+// count a file only then.
+double usedPercent(const std::string& directory);
+// Whether it comes down below `percent`: some file systems free a removed file a moment later.
+bool settlesBelow(const std::string& directory, double percent);
+// Bytes that are `percent` of the whole disk.
+size_t partOfDisk(const std::string& directory, double percent);
+// Lets a file "ballast" in the directory grow until the disk is at `percent` or a little more.
+void fillTo(const std::string& directory, double percent);
+// Removes the ballast, and returns when its room can be seen to be free.
+void relieve(const std::string& directory);
+
+#endif
