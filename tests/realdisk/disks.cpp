@@ -97,6 +97,8 @@ struct statvfs spaceOf(const std::string& directory) {
   return space;
 }
 
+constexpr off_t kSmallestStep = 64 * 1024;  // bytes of ballast
+
 double usedOf(const struct statvfs& space) {
   return 100.0 - 100.0 * static_cast<double>(space.f_bavail) / static_cast<double>(space.f_blocks);
 }
@@ -205,8 +207,9 @@ void fillTo(const std::string& directory, double percent) {
   for (struct statvfs space = spaceOf(directory); usedOf(space) < percent; space = spaceOf(directory)) {
     // Most of it at once; then small steps, as a file system may take more for itself than the file's size.
     const double lacking = percent - usedOf(space);
-    const off_t step = bytesOf(space, lacking > 1 ? lacking - 0.5 : 0.25);
-    errno = posix_fallocate(ballast, size, step);
+    off_t step = bytesOf(space, lacking > 1 ? lacking - 0.5 : 0.25);
+    // A file system that commits late refuses a large step now and then, and takes a smaller one.
+    while ((errno = posix_fallocate(ballast, size, step)) == ENOSPC && step > kSmallestStep) step /= 2;
     if (errno != 0) refused("fill " + directory);
     size += step;
   }

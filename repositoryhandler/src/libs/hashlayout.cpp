@@ -21,7 +21,7 @@ constexpr char sHashTable[] = "QWERTYUIOPASDFGHJKLZXCVBNM1234567890_";
 constexpr int nHashTableSize = 37;
 
 constexpr unsigned int kCells = kHashLevels * hashLength;
-constexpr size_t kLevelsLength = kHashLevels * (hashLength + 1);  // each level and its "/"
+constexpr size_t kLevelsLength = kCells + kHashLevels;  // the cells, and a "/" behind each level
 
 // Writes the three hashed levels of a component, without a terminator.
 void writeLevels(const char* name, size_t length, char (&levels)[kLevelsLength]) {
