@@ -17,23 +17,13 @@
 #include "KTSemaphore.h"
 #include "fakes/fakes.h"
 #include "support/child.h"
+#include "support/results.h"
 #include "support/scratch.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
-
-std::string assertionOf(const std::function<void()>& body) {
-  try {
-    body();
-  } catch (const KTAssertionException& thrown) {
-    std::string text;
-    thrown.toString(text);
-    return text;
-  }
-  return "nothing thrown";
-}
 
 constexpr char kRepositoryIsNull[] =
     "ASSERT (repository) in repositoryhandler/src/libs/KTRepositoryHandler at line 1682.";
@@ -97,7 +87,7 @@ TEST_F(DirtyFlagTest, TheFileIsNamedAfterTheRepositoryAsItWasGiven) {
 TEST_F(DirtyFlagTest, ANullRepositoryThrowsTheAssertionOfLine1682) {
   KTDirtyFlagHandler handler;
   CallWatch watch;
-  EXPECT_EQ(assertionOf([&] { handler.setRepository(nullptr); }), kRepositoryIsNull);
+  EXPECT_EQ(rendered(assertionOf([&] { handler.setRepository(nullptr); })), kRepositoryIsNull);
   EXPECT_EQ(handler.setFile, "");
   EXPECT_THAT(watch.calls, IsEmpty());
 }
@@ -152,7 +142,7 @@ TEST_F(DirtyFlagTest, AFileThatCannotBeReadThrowsTheAssertionOfLine1705) {
   writeFile(file, "a\n");
   KTDirtyFlagHandler handler;
   const FailingCall refused("fopen", EACCES, file);
-  EXPECT_EQ(assertionOf([&] { setUp(handler); }), kNotReadable);
+  EXPECT_EQ(rendered(assertionOf([&] { setUp(handler); })), kNotReadable);
   EXPECT_THAT(handler.dirtySet, IsEmpty());
   EXPECT_FALSE(isLocked());
 }
@@ -293,10 +283,10 @@ TEST_F(DirtyFlagTest, AFileThatCannotBeWrittenThrowsTheAssertionOfLine1781) {
   KTDirtyFlagHandler handler = loaded();
   handler.setDirty("a", true);
   const FailingCall refused("fopen", EROFS, file);
-  EXPECT_EQ(assertionOf([&] { handler.setDirty("b", true); }), kNotWritable);
-  EXPECT_EQ(assertionOf([&] { handler.setDirty("a", false); }), kNotWritable);
-  EXPECT_EQ(assertionOf([&] { handler.clearDirtySet(); }), kNotWritable);
-  EXPECT_EQ(assertionOf([&] { handler.writeSetFile(); }), kNotWritable);
+  EXPECT_EQ(rendered(assertionOf([&] { handler.setDirty("b", true); })), kNotWritable);
+  EXPECT_EQ(rendered(assertionOf([&] { handler.setDirty("a", false); })), kNotWritable);
+  EXPECT_EQ(rendered(assertionOf([&] { handler.clearDirtySet(); })), kNotWritable);
+  EXPECT_EQ(rendered(assertionOf([&] { handler.writeSetFile(); })), kNotWritable);
   EXPECT_EQ(readFile(file), "a\n");
   EXPECT_FALSE(isLocked());
 }
@@ -305,7 +295,7 @@ TEST_F(DirtyFlagTest, AChangeThatCouldNotBeWrittenStandsInTheSet) {
   KTDirtyFlagHandler handler = loaded();
   {
     const FailingCall refused("fopen", EROFS, file);
-    EXPECT_EQ(assertionOf([&] { handler.setDirty("a", true); }), kNotWritable);
+    EXPECT_EQ(rendered(assertionOf([&] { handler.setDirty("a", true); })), kNotWritable);
   }
   EXPECT_TRUE(handler.isDirty("a"));
   handler.setDirty("b", true);
@@ -314,7 +304,7 @@ TEST_F(DirtyFlagTest, AChangeThatCouldNotBeWrittenStandsInTheSet) {
 
 TEST_F(DirtyFlagTest, WithoutARepositoryThereIsNoFileToWrite) {
   KTDirtyFlagHandler handler;
-  EXPECT_EQ(assertionOf([&] { handler.setDirty("a", true); }), kNotWritable);
+  EXPECT_EQ(rendered(assertionOf([&] { handler.setDirty("a", true); })), kNotWritable);
   EXPECT_THAT(treeOf(directory / "locks"), IsEmpty());
 }
 
@@ -417,13 +407,9 @@ TEST_F(DirtyFlagTest, MarksOnceAnotherProcessHasReleasedTheLock) {
 TEST_F(DirtyFlagTest, ALockFileThatCannotBeRemovedIsToldToTheCallerAfterTheWork) {
   KTDirtyFlagHandler handler = loaded();
   const FailingCall refused("unlink", EACCES, "semaphore_");
-  try {
-    handler.setDirty("a", true);
-    ADD_FAILURE() << "nothing thrown";
-  } catch (const KTIOException& thrown) {
-    EXPECT_EQ(thrown.m_code, EACCES);
-    EXPECT_EQ(thrown.m_message, "Releasing semaphore failed: " + lockName + " [Permission denied]");
-  }
+  const auto thrown = thrownBy<KTIOException>([&] { handler.setDirty("a", true); });
+  EXPECT_EQ(thrown.m_code, EACCES);
+  EXPECT_EQ(thrown.m_message, "Releasing semaphore failed: " + lockName + " [Permission denied]");
   EXPECT_EQ(readFile(file), "a\n");
 }
 
@@ -431,7 +417,7 @@ TEST_F(DirtyFlagTest, AFailedWriteIsWhatTheCallerHearsWhenTheLockFileStaysAsWell
   KTDirtyFlagHandler handler = loaded();
   const FailingCall locked("unlink", EACCES, "semaphore_");
   const FailingCall refused("fopen", EROFS, file);
-  EXPECT_EQ(assertionOf([&] { handler.setDirty("a", true); }), kNotWritable);
+  EXPECT_EQ(rendered(assertionOf([&] { handler.setDirty("a", true); })), kNotWritable);
 }
 
 TEST_F(DirtyFlagTest, TheLastWritersSetStandsInTheFile) {

@@ -6,9 +6,9 @@
 #include <cstring>
 #include <memory>
 #include <sstream>
-#include <stdexcept>
 #include <type_traits>
 
+#include "support/results.h"
 #include "support/scratch.h"
 
 namespace {
@@ -17,12 +17,6 @@ using testing::EndsWith;
 using testing::StartsWith;
 
 constexpr size_t kLongestMessage = 1023;  // what a formatted message keeps
-
-std::string rendered(const KTException& exception) {
-  std::string text;
-  exception.toString(text);
-  return text;
-}
 
 // Counts how often the stream asked it to write through.
 class CountingBuffer : public std::stringbuf {
@@ -35,17 +29,6 @@ class CountingBuffer : public std::stringbuf {
     return 0;
   }
 };
-
-// What the assertion throws for a statement.
-template <typename Body>
-KTAssertionException assertionOf(const Body& body) {
-  try {
-    body();
-  } catch (const KTAssertionException& failure) {
-    return failure;
-  }
-  throw std::logic_error("nothing was thrown");
-}
 
 }  // namespace
 

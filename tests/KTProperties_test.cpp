@@ -5,15 +5,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "KTException.h"
 #include "fakes/fakes.h"
+#include "support/results.h"
 #include "support/scratch.h"
 
 namespace {
@@ -58,16 +57,6 @@ class Writable {
   std::vector<char> characters;
 };
 
-template <typename Body>
-KTAssertionException assertionOf(const Body& body) {
-  try {
-    body();
-  } catch (const KTAssertionException& failure) {
-    return failure;
-  }
-  throw std::logic_error("nothing was thrown");
-}
-
 // Expects that `body` fails an assertion of the properties reader with that expression.
 template <typename Body>
 void expectAssertion(const std::string& expression, const Body& body) {
@@ -77,11 +66,6 @@ void expectAssertion(const std::string& expression, const Body& body) {
   EXPECT_GT(failure.m_line, 0);
   EXPECT_EQ(failure.m_message,
             "ASSERT (" + expression + ") in ktutils/src/KTProperties at line " + std::to_string(failure.m_line) + ".");
-}
-
-long openDescriptors() {
-  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-  return std::distance(begin(descriptors), end(descriptors));
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "KTException.h"
 #include "fakes/fakes.h"
 #include "support/child.h"
+#include "support/results.h"
 #include "support/scratch.h"
 
 namespace {
@@ -26,23 +27,7 @@ using testing::SizeIs;
 
 constexpr int kHighestRandom = 2147483647;  // RAND_MAX
 
-// What a lock operation throws, as its class renders it.
-template <typename Failure, typename Body>
-Failure thrownBy(const Body& body) {
-  try {
-    body();
-  } catch (const Failure& failure) {
-    return failure;
-  }
-  throw std::logic_error("nothing was thrown");
-}
-
 std::string lockFile(const ScratchDirectory& dir, const std::string& name) { return dir / ("semaphore_" + name); }
-
-long openDescriptors() {
-  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
-  return std::distance(begin(descriptors), end(descriptors));
-}
 
 mode_t modeOf(const std::string& path) {
   struct stat status = {};
@@ -237,9 +222,7 @@ TEST(KTSemaphoreTest, RefusedCreationTellsTheNameAndTheReason) {
     const FailingCall refused("open", row.error, "/semaphore_m1");
     KTSemaphore semaphore("m1", dir.path(), true);
     const auto failure = thrownBy<KTIOException>([&] { semaphore.lockResource(); });
-    std::string text;
-    failure.toString(text);
-    EXPECT_EQ(text, row.text);
+    EXPECT_EQ(rendered(failure), row.text);
     EXPECT_EQ(failure.m_code, row.error);
     EXPECT_FALSE(semaphore.locked);
   }
@@ -481,9 +464,7 @@ TEST(KTSemaphoreTest, RefusedUnlockThrowsAndTheLockStaysTheObjects) {
   {
     const FailingCall refused("unlink", EACCES, "/semaphore_m1");
     const auto failure = thrownBy<KTIOException>([&] { holder.unlock(); });
-    std::string text;
-    failure.toString(text);
-    EXPECT_EQ(text, "IO Exception: [13] Releasing semaphore failed: m1 [Permission denied]");
+    EXPECT_EQ(rendered(failure), "IO Exception: [13] Releasing semaphore failed: m1 [Permission denied]");
     EXPECT_EQ(failure.m_code, EACCES);
     EXPECT_TRUE(holder.locked);
   }
@@ -559,7 +540,7 @@ TEST(KTSemaphoreTest, RefusedReleaseDoesNotReplaceTheExceptionOnItsWay) {
     holder.lockResource();
     throw std::runtime_error("the step failed");
   };
-  EXPECT_STREQ(thrownBy<std::runtime_error>(step).what(), "the step failed");
+  EXPECT_STREQ(thrownBy(step, std::runtime_error("")).what(), "the step failed");
   EXPECT_EQ(refused.failed(), 1);
 }
 

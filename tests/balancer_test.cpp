@@ -138,8 +138,6 @@ class Scene {
     };
   }
 
-  std::string dirtySet() const { return readFile(repository.path() + "/.dirty"); }
-
   TestRepository repository;
   FakeDisks disks;
   FakeShell shell;
@@ -208,6 +206,21 @@ std::string lastOf(const Lines& lines) { return lines.empty() ? "" : lines.back(
 std::string numbered(const std::string& prefix, int number) {
   const std::string digits = std::to_string(number);
   return prefix + std::string(4 - digits.size(), '0') + digits;
+}
+
+// How many locks of resources "r..." `body` takes before the first listing of mount 0, and after each: the sizes of its
+// batches.
+std::vector<long> locksBetweenListings(const Scene& scene, const std::function<void()>& body) {
+  const std::string listing = "scandir " + scene.repository.mount(0);
+  const std::string lock = "open " + scene.repository.lockFile(scene.repository.lockName("r"));
+  const CallWatch watch;
+  body();
+  std::vector<long> locks = {0};
+  for (const std::string& call : watch.calls) {
+    if (call == listing) locks.push_back(0);
+    if (call.starts_with(lock)) ++locks.back();
+  }
+  return locks;
 }
 
 }  // namespace
@@ -718,7 +731,7 @@ TEST(BalancerTest, MarksAResourceWhoseMoveRanIntoAConflictAsDirtyByItsPath) {
                   "E The resource " + quoted(scene.at(0, "a")) + " conflicts with " + quoted(scene.at(1, "a")) + ".",
                   logMoves(scene, "b", 0, 1),
                   "I CheckOverload: Last access/modification time of the resource: Thu Jan  1 00:17:40 1970\n"));
-  EXPECT_EQ(scene.dirtySet(), scene.at(0, "a") + "\n");
+  EXPECT_EQ(scene.repository.dirtySet(), scene.at(0, "a") + "\n");
   EXPECT_EQ(readFile(scene.at(0, "a")), "mine");
   EXPECT_EQ(readFile(scene.at(1, "a")), "theirs");
 }
@@ -742,7 +755,7 @@ TEST(BalancerTest, SaysThatAMoveFailedAndGoesOnWithTheNext) {
   EXPECT_EQ(log[5], "D Nospaceleft? checkoverload couldn't move");
   EXPECT_EQ(log[6], logMoves(scene, "b", 0, 1));
   EXPECT_EQ(log[7], kLogLastUse);
-  EXPECT_EQ(scene.dirtySet(), "") << "a failure leaves no mark";
+  EXPECT_EQ(scene.repository.dirtySet(), "") << "a failure leaves no mark";
   EXPECT_THAT(scene.resources(0), ElementsAre("a"));
 }
 
@@ -755,7 +768,7 @@ TEST(BalancerTest, PrintsNothingAboutConflictsAndFailuresWhenNotVerbose) {
   scene.repository.place(0, "b", "content", kLongAgo);
   scene.shell.answer = [](const std::string&) { return kCommandFailed; };
   EXPECT_EQ(scene.pass(false), "");
-  EXPECT_EQ(scene.dirtySet(), scene.at(0, "a") + "\n");
+  EXPECT_EQ(scene.repository.dirtySet(), scene.at(0, "a") + "\n");
   EXPECT_THAT(scene.resources(0), ElementsAre("a", "b"));
 }
 
@@ -767,24 +780,9 @@ TEST(BalancerTest, MovesMoreThanOneBatchOfAHundred) {
   for (int i = 0; i < kResources; ++i) scene.repository.placeFile(0, numbered("r", i), "content", kLongAgo + i);
   scene.shell.answer = runInProcess;
   scene.handler();
-  Lines calls;
-  {
-    CallWatch watch;
-    scene.pass(false);
-    calls = watch.calls;
-  }
+  EXPECT_THAT(locksBetweenListings(scene, [&] { scene.pass(false); }), ElementsAre(0, 100, 3));
   EXPECT_THAT(scene.resources(0), IsEmpty());
   EXPECT_THAT(scene.resources(1), SizeIs(kResources));
-  // What stands between two listings of the mount is one batch.
-  const std::string listing = "scandir " + scene.repository.mount(0);
-  std::erase_if(calls, [&](const std::string& call) {
-    return call != listing && !call.starts_with("open " + scene.repository.lockFile(scene.repository.lockName("r")));
-  });
-  ASSERT_THAT(calls, Not(IsEmpty()));
-  const auto second = std::find(calls.begin() + 1, calls.end(), listing);
-  EXPECT_EQ(calls.front(), listing);
-  EXPECT_EQ(second - calls.begin() - 1, 100);
-  EXPECT_EQ(countOf(calls, listing), 2);
 }
 
 TEST(BalancerTest, EndsTheMovesWhenTheMountGoesAwayAmongThem) {
@@ -824,10 +822,10 @@ TEST(BalancerTest, LocatesADirtyResourceInsteadOfMovingIt) {
   scene.used(0, 99.5);
   scene.used(1, 10);
   scene.repository.place(0, "a", "content", kLongAgo);
-  writeFile(scene.repository.path() + "/.dirty", "a\n");
+  scene.repository.writeDirtySet("a\n");
   EXPECT_THAT(scene.pass(), HasSubstr("no old resource found on mount " + scene.repository.mount(0) + "\n"));
   EXPECT_THAT(scene.resources(0), ElementsAre("a"));
-  EXPECT_EQ(scene.dirtySet(), "") << "every copy was seen";
+  EXPECT_EQ(scene.repository.dirtySet(), "") << "every copy was seen";
 }
 
 // Rounds without success
@@ -1281,7 +1279,7 @@ TEST(ClearableBalancerTest, MarksAResourceThatCannotBeDeletedAsDirtyByItsPathAnd
                       static_cast<char>(EACCES),
                   "E Resource deleting didn't succeed:" + scene.at(0, "a"), logDeletes(scene, "b", 0, 0),
                   "I CheckOverload: Last access/modification time of the resource: Thu Jan  1 00:17:40 1970\n"));
-  EXPECT_EQ(scene.dirtySet(), scene.at(0, "a") + "\n");
+  EXPECT_EQ(scene.repository.dirtySet(), scene.at(0, "a") + "\n");
   EXPECT_THAT(scene.handler().deletedDirs, ElementsAre(scene.at(0, "a"), scene.at(0, "b")));
   EXPECT_THAT(scene.resources(0), ElementsAre("a"));
 }
@@ -1478,7 +1476,7 @@ TEST(FreeMountTest, AnswersThreeWhenNothingCouldBeMoved) {
   EXPECT_THAT(log[1], StartsWith("E The resource " + quoted(scene.at(0, "a")) + " could not be renamed to "));
   EXPECT_EQ(log[2], "D Nospaceleft? EmptyMount couldn't move");
   EXPECT_EQ(log[3], "D Not all resources could be moved");
-  EXPECT_EQ(scene.dirtySet(), "");
+  EXPECT_EQ(scene.repository.dirtySet(), "");
 }
 
 TEST(FreeMountTest, AnswersThreeWhenARoundMovesNoneOfWhatIsLeft) {
@@ -1524,7 +1522,7 @@ TEST(FreeMountTest, MarksAConflictAsDirtyByItsPath) {
                                           "E The resource " + quoted(scene.at(0, "a")) + " conflicts with " +
                                               quoted(scene.at(1, "a")) + ".",
                                           "D Not all resources could be moved"));
-  EXPECT_EQ(scene.dirtySet(), scene.at(0, "a") + "\n");
+  EXPECT_EQ(scene.repository.dirtySet(), scene.at(0, "a") + "\n");
   EXPECT_EQ(readFile(scene.at(0, "a")), "mine");
 }
 
@@ -1591,22 +1589,10 @@ TEST(FreeMountTest, MovesMoreThanOneBatchOfAThousand) {
   for (int i = 0; i < kResources; ++i) scene.repository.placeFile(0, numbered("r", i), "");
   scene.shell.answer = runInProcess;
   scene.handler();
-  Lines calls;
-  {
-    CallWatch watch;
-    EXPECT_EQ(scene.handler().moveAllResourcesFromMount("d1"), 0);
-    calls = watch.calls;
-  }
+  const auto moveAll = [&] { EXPECT_EQ(scene.handler().moveAllResourcesFromMount("d1"), 0); };
+  EXPECT_THAT(locksBetweenListings(scene, moveAll), ElementsAre(0, 1000, 2, 0)) << "the last batch finds nothing";
   EXPECT_THAT(scene.resources(0), IsEmpty());
   EXPECT_THAT(scene.resources(1), SizeIs(kResources));
-  const std::string listing = "scandir " + scene.repository.mount(0);
-  std::erase_if(calls, [&](const std::string& call) {
-    return call != listing && !call.starts_with("open " + scene.repository.lockFile(scene.repository.lockName("r")));
-  });
-  ASSERT_THAT(calls, Not(IsEmpty()));
-  const auto second = std::find(calls.begin() + 1, calls.end(), listing);
-  EXPECT_EQ(second - calls.begin() - 1, 1000);
-  EXPECT_EQ(countOf(calls, listing), 3) << "two batches, and one that finds nothing";
 }
 
 // makeEmpty
@@ -1664,10 +1650,10 @@ TEST(MakeEmptyTest, ClearsTheDirtySetFirst) {
   scene.used(1, 10);
   scene.repository.placeFile(0, "a", "mine");
   scene.repository.placeFile(1, "a", "theirs");
-  writeFile(scene.repository.path() + "/.dirty", "a\nb\n");
+  scene.repository.writeDirtySet("a\nb\n");
   scene.handler().makeEmpty();
   EXPECT_TRUE(isThere(scene.repository.path() + "/.dirty"));
-  EXPECT_EQ(scene.dirtySet(), "");
+  EXPECT_EQ(scene.repository.dirtySet(), "");
   EXPECT_THAT(scene.resources(0), IsEmpty()) << "a dirty one whose copies cannot be joined would have stayed";
   EXPECT_THAT(scene.resources(1), IsEmpty());
 }

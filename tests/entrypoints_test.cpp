@@ -11,47 +11,15 @@
 #include <functional>
 
 #include "KTException.h"
-#include "fakes/fakes.h"
-#include "paths.h"
 #include "registry.h"
-#include "support/repository.h"
+#include "support/fixture.h"
+#include "support/results.h"
 
 namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-constexpr int kUntouched = -77;
-constexpr time_t kLongAgo = 1000000;
-
-const std::string k2009 = "/FP/IA/L3/2009";
-const std::string kAbc = "/1W/H6/HW/abc";
-
-std::string taken(char* path) {
-  if (!path) return "(none)";
-  const std::string copy(path);
-  release(path);
-  return copy;
-}
-
-std::vector<std::string> taken(char** names, long count) {
-  std::vector<std::string> copies;
-  for (long i = 0; i < count; ++i) copies.push_back(taken(names[i]));
-  delete[] names;
-  return copies;
-}
-
-template <typename Body>
-KTAssertionException assertionOf(const Body& body) {
-  try {
-    body();
-  } catch (const KTAssertionException& assertion) {
-    return assertion;
-  }
-  ADD_FAILURE() << "no assertion failed";
-  return {"", 0, ""};
-}
 
 struct Entry {
   const char* name;
@@ -87,31 +55,10 @@ std::vector<Entry> allEntries() {
   };
 }
 
-class EntryPointsTest : public testing::Test {
+class EntryPointsTest : public RepositoryFixture {
  protected:
-  EntryPointsTest() {
-    for (size_t i = 0; i < 2; ++i) disks.setUsed(repository.mount(i), 10);
-  }
+  EntryPointsTest() : RepositoryFixture({"d1", "d2"}) {}
 
-  std::string at(size_t index, const std::string& hashed) const { return repository.mount(index) + hashed; }
-  std::string place(size_t index, const std::string& hashed, const std::string& file = "file") const {
-    const std::string path = at(index, hashed);
-    writeFile(path + "/" + file, file);
-    setTimes(path + "/" + file, kLongAgo);
-    setTimes(path, kLongAgo);
-    return path;
-  }
-  std::string useLegacy() {
-    const std::string directory = repository.scratch() + "/legacy";
-    makeDirectories(directory);
-    repository.configure("legacyDir=" + directory + "\n");
-    disks.setUsed(directory, 10);
-    return directory;
-  }
-
-  TestRepository repository{{"d1", "d2"}};
-  FakeDisks disks;
-  FakeSyslog log;
   int status = kUntouched;
 };
 
@@ -203,16 +150,16 @@ TEST_F(EntryPointsTest, GetDeletedDirsGivesTheListOfTheHandlerItself) {
 }
 
 TEST_F(EntryPointsTest, MakeEmptyRemovesEveryResource) {
-  const std::string legacy = useLegacy();
+  useLegacy();
   place(0, k2009);
   writeFile(at(1, kAbc), "");
-  writeFile(legacy + "/old", "");
+  writeFile(legacy("old"), "");
   repository.takeOut(1);
   makeEmpty_(repository.id());
   EXPECT_THAT(treeOf(repository.mount(0)), ElementsAre("repositorypart.cfg="));
   EXPECT_THAT(treeOf(repository.mount(1)), ElementsAre("repositorypart.cfg="))
       << "a mount that was away is emptied too";
-  EXPECT_THAT(treeOf(legacy), IsEmpty());
+  EXPECT_THAT(treeOf(legacy("")), IsEmpty());
 }
 
 // ------------------------------------------------------------------------------------------ configuration
@@ -303,16 +250,16 @@ TEST_F(EntryPointsTest, GetRepositoryStatusAsksTheDisksAtEveryCall) {
 // ---------------------------------------------------------------------------------------------- resources
 
 TEST_F(EntryPointsTest, CreateToLegacyMakesTheDirectoryThere) {
-  EXPECT_EQ(taken(createToLegacy_(repository.id(), "2009")), "(none)") << "without a legacy directory";
-  const std::string legacy = useLegacy();
-  EXPECT_EQ(taken(createToLegacy_(repository.id(), "2009")), legacy + "/2009");
-  EXPECT_TRUE(isDirectoryThere(legacy + "/2009"));
+  EXPECT_EQ(taken(createToLegacy_(repository.id(), "2009")), std::nullopt) << "without a legacy directory";
+  useLegacy();
+  EXPECT_EQ(taken(createToLegacy_(repository.id(), "2009")), legacy("2009"));
+  EXPECT_TRUE(isDirectoryThere(legacy("2009")));
 }
 
 TEST_F(EntryPointsTest, ListDirsListsDirectoriesOnlyAndListFilesTheRest) {
   place(0, kAbc);
   place(1, k2009);
-  writeFile(at(0, "/DM/_O/HX/12345"), "");
+  writeFile(at(0, k12345), "");
   long count = kUntouched;
   char** names = listDirs_(repository.id(), &count, false);
   EXPECT_EQ(count, 2);
@@ -386,7 +333,7 @@ TEST_F(EntryPointsTest, GetLocationLocksAndTouches) {
 }
 
 TEST_F(EntryPointsTest, GetLocationGivesNullAndStillTheStatusOfAResourceThatIsNowhere) {
-  EXPECT_EQ(taken(getLocation_(repository.id(), "2009", &status)), "(none)");
+  EXPECT_EQ(taken(getLocation_(repository.id(), "2009", &status)), std::nullopt);
   EXPECT_EQ(status, 4);
 }
 
@@ -394,12 +341,12 @@ TEST_F(EntryPointsTest, GetLocationLeavesTheStatusWhenTheResourceIsNotLocked) {
   place(0, k2009);
   writeFile(repository.lockFile(repository.lockName("2009")), "");
   const FakeClock clock;
-  EXPECT_EQ(taken(getLocation_(repository.id(), "2009", &status)), "(none)");
+  EXPECT_EQ(taken(getLocation_(repository.id(), "2009", &status)), std::nullopt);
   EXPECT_EQ(status, kUntouched);
 }
 
 TEST_F(EntryPointsTest, TheThreeLocationsNeedNoStatus) {
-  EXPECT_EQ(taken(getLocation_(repository.id(), "2009", nullptr)), "(none)");
+  EXPECT_EQ(taken(getLocation_(repository.id(), "2009", nullptr)), std::nullopt);
   EXPECT_EQ(taken(createLocation_(repository.id(), "2009", nullptr, false)), at(0, k2009));
   EXPECT_EQ(taken(createDirectory_(repository.id(), "2009", nullptr, false)), at(0, k2009));
 }
@@ -426,7 +373,7 @@ TEST_F(EntryPointsTest, TheFlagAgainstTheDirtyMarkIsHandedOn) {
     EXPECT_FALSE(isThere(repository.path() + "/.dirty"));
     std::filesystem::remove_all(repository.mount(1) + "/1W");
     EXPECT_EQ(taken(create(repository.id(), "abc", &status, false)), at(1, kAbc));
-    EXPECT_EQ(readFile(repository.path() + "/.dirty"), "abc\n");
+    EXPECT_EQ(repository.dirtySet(), "abc\n");
   }
 }
 
@@ -461,8 +408,7 @@ TEST_F(EntryPointsTest, EveryEntryRebuildsAHandlerWhoseConfigurationChanged) {
 
 TEST_F(EntryPointsTest, EveryEntryFailsTheAssertionIdForANullRepository) {
   const size_t known = repositoryMap.size();
-  for (const Entry& entry : allEntries())
-    EXPECT_EQ(assertionOf([&] { entry.call(nullptr); }).m_expression, "id") << entry.name;
+  for (const Entry& entry : allEntries()) EXPECT_EQ(failedExpression([&] { entry.call(nullptr); }), "id") << entry.name;
   EXPECT_EQ(repositoryMap.size(), known);
 }
 
@@ -479,17 +425,17 @@ TEST_F(EntryPointsTest, EveryEntryForAResourceFailsTheAssertionResourceForANull)
       [&] { taken(createLocation_(id, nullptr, &status, false)); },
       [&] { taken(createDirectory_(id, nullptr, &status, false)); },
   };
-  for (const auto& call : calls) EXPECT_EQ(assertionOf(call).m_expression, "resource");
+  for (const auto& call : calls) EXPECT_EQ(failedExpression(call), "resource");
   EXPECT_EQ(status, kUntouched);
 }
 
 TEST_F(EntryPointsTest, OtherNullsFailAnAssertionToo) {
   place(0, k2009);
   const char* id = repository.id();
-  EXPECT_EQ(assertionOf([&] { getTimeProperties_(id, "2009", nullptr); }).m_expression, "times");
-  EXPECT_EQ(assertionOf([&] { freeMount_(id, nullptr); }).m_expression, "mountName");
-  EXPECT_EQ(assertionOf([&] { listDirs_(id, nullptr, true); }).m_expression, "count");
-  EXPECT_EQ(assertionOf([&] { listFiles_(id, nullptr, true); }).m_expression, "count");
+  EXPECT_EQ(failedExpression([&] { getTimeProperties_(id, "2009", nullptr); }), "times");
+  EXPECT_EQ(failedExpression([&] { freeMount_(id, nullptr); }), "mountName");
+  EXPECT_EQ(failedExpression([&] { listDirs_(id, nullptr, true); }), "count");
+  EXPECT_EQ(failedExpression([&] { listFiles_(id, nullptr, true); }), "count");
 }
 
 TEST_F(EntryPointsTest, EveryEntryPassesTheAssertionOfAListedMountThatDoesNotExistOn) {
@@ -511,14 +457,14 @@ TEST_F(EntryPointsTest, AnUnreadableConfigurationLeavesARepositoryThatIsMissing)
   const FailingCall fopen("fopen", EACCES, "/repository.cfg");
   for (const Entry& entry : allEntries()) EXPECT_NO_THROW(entry.call(repository.id())) << entry.name;
   EXPECT_EQ(getRepositoryStatus_(repository.id()), 0x100);
-  EXPECT_EQ(taken(createDirectory_(repository.id(), "abc", &status, false)), "(none)");
+  EXPECT_EQ(taken(createDirectory_(repository.id(), "abc", &status, false)), std::nullopt);
   EXPECT_EQ(status, 8);
   EXPECT_THAT(log.texts(LOG_ERR), Contains("The repository \"" + repository.path() + "\" is missing"));
   EXPECT_TRUE(isThere(at(0, k2009) + "/file"));
 }
 
 TEST_F(EntryPointsTest, EveryEntryPassesTheFailureOfAnUnreadableDirtySetOn) {
-  writeFile(repository.path() + "/.dirty", "2009\n");
+  repository.writeDirtySet("2009\n");
   const FailingCall fopen("fopen", EACCES, "/.dirty");
   for (const Entry& entry : allEntries())
     EXPECT_EQ(assertionOf([&] { entry.call(repository.id()); }).m_line, 1705) << entry.name;
@@ -548,9 +494,9 @@ TEST_F(EntryPointsTest, AMissingRepositoryIsNoException) {
   EXPECT_EQ(getRepositoryStatus_(id), 0x100);
   EXPECT_EQ(giveBackMounts_(id), 0x100);
   EXPECT_EQ(MountUnmount_(id, 0, true), -1);
-  EXPECT_EQ(taken(getLocation_(id, "2009", &status)), "(none)");
+  EXPECT_EQ(taken(getLocation_(id, "2009", &status)), std::nullopt);
   EXPECT_EQ(status, 4);
-  EXPECT_EQ(taken(createDirectory_(id, "2009", &status, false)), "(none)");
+  EXPECT_EQ(taken(createDirectory_(id, "2009", &status, false)), std::nullopt);
   EXPECT_EQ(status, 8);
   EXPECT_EQ(removeResource_(id, "2009"), 4);
   EXPECT_EQ(checkResourceStatus_(id, "2009"), 4);
@@ -587,10 +533,10 @@ TEST_F(EntryPointsTest, ARepositoryWithAndWithoutATrailingSlashAreTwo) {
 }
 
 TEST_F(EntryPointsTest, AnIdOfSlashesOnlyLosesNothingThroughAnyEntry) {
-  const std::string legacy = useLegacy();
+  useLegacy();
   place(0, k2009);
   place(1, kAbc);
-  writeFile(legacy + "/old", "");
+  writeFile(legacy("old"), "");
   const auto before = treeOf(repository.scratch());
   const char* id = repository.id();
   for (const char* resource : {"", "/", "//"}) {

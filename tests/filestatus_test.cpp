@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -10,9 +9,9 @@
 #include <limits>
 #include <optional>
 
-#include "KTException.h"
 #include "KTLogger.h"
 #include "fakes/fakes.h"
+#include "support/results.h"
 #include "support/scratch.h"
 
 namespace {
@@ -22,30 +21,12 @@ using testing::IsEmpty;
 
 constexpr long kUntouched = -77;
 
-void makeLink(const std::string& target, const std::string& link) {
-  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0) << strerror(errno);
-}
-
 std::string cannotBeStated(const std::string& path, int error) {
   return "The resource \"" + path + "\" can not be stat-ed. Error code is " + static_cast<char>(error);
 }
 
 std::string statvfsFailed(const std::string& path, int error) {
   return "Error occured while statvfs call to \"" + path + "\". Error code is " + static_cast<char>(error);
-}
-
-// The expression of the assertion that `body` fails; empty when it fails none.
-template <typename Body>
-std::string assertionOf(const Body& body) {
-  try {
-    body();
-  } catch (const KTAssertionException& failure) {
-    EXPECT_EQ(failure.m_code, 1);
-    EXPECT_EQ(failure.m_file, "repositoryhandler/src/libs/KTRepositoryHandler");
-    EXPECT_FALSE(failure.m_detailed);
-    return failure.m_expression;
-  }
-  return "";
 }
 
 struct stat statusOfTimes(time_t access, time_t modification) {
@@ -219,9 +200,9 @@ TEST(MyStatTest, APercentSignInThePathIsExpandedByTheLogger) {
 TEST(MyStatTest, AssertsThatBothArgumentsAreGiven) {
   const FakeSyslog log;
   struct stat status;
-  EXPECT_EQ(assertionOf([&] { myStat(nullptr, &status); }), "resource");
-  EXPECT_EQ(assertionOf([&] { myStat("/", nullptr); }), "resStat");
-  EXPECT_EQ(assertionOf([&] { myStat(nullptr, nullptr); }), "resource");
+  EXPECT_EQ(failedExpression([&] { myStat(nullptr, &status); }), "resource");
+  EXPECT_EQ(failedExpression([&] { myStat("/", nullptr); }), "resStat");
+  EXPECT_EQ(failedExpression([&] { myStat(nullptr, nullptr); }), "resource");
   EXPECT_THAT(log.events, IsEmpty());
 }
 
@@ -288,8 +269,8 @@ TEST(IsDirTest, NeedsNoPathWithAKnownStatus) {
 
 TEST(IsDirTest, AssertsThatFlagAndPathAreGiven) {
   bool isDirectory = false;
-  EXPECT_EQ(assertionOf([&] { isDir("/", nullptr, nullptr); }), "isDirectory");
-  EXPECT_EQ(assertionOf([&] { isDir(nullptr, &isDirectory, nullptr); }), "resource");
+  EXPECT_EQ(failedExpression([&] { isDir("/", nullptr, nullptr); }), "isDirectory");
+  EXPECT_EQ(failedExpression([&] { isDir(nullptr, &isDirectory, nullptr); }), "resource");
 }
 
 TEST(LastModifiedTest, GivesTheModificationTime) {
@@ -317,7 +298,7 @@ TEST(LastModifiedTest, AFailureGivesMinusOneAndOneLine) {
 }
 
 TEST(LastModifiedTest, AssertsThatThePathIsGiven) {
-  EXPECT_EQ(assertionOf([] { lastModified(nullptr); }), "resource");
+  EXPECT_EQ(failedExpression([] { lastModified(nullptr); }), "resource");
 }
 
 TEST(LastAccessTest, GivesTheLaterOfBothTimes) {
@@ -365,7 +346,7 @@ TEST(LastAccessTest, AFailureGivesMinusOneAndOneLine) {
 }
 
 TEST(LastAccessTest, AssertsThatThePathIsGiven) {
-  EXPECT_EQ(assertionOf([] { lastAccess(nullptr, nullptr); }), "resource");
+  EXPECT_EQ(failedExpression([] { lastAccess(nullptr, nullptr); }), "resource");
 }
 
 TEST(MyStatVfsTest, GivesWhatTheFileSystemSays) {
@@ -422,9 +403,9 @@ TEST(MyStatVfsTest, APercentSignInThePathIsExpandedByTheLogger) {
 TEST(MyStatVfsTest, AssertsThatBothArgumentsAreGiven) {
   const FakeDisks disks;
   struct statvfs space;
-  EXPECT_EQ(assertionOf([&] { myStatVfs(nullptr, &space); }), "mountPath");
-  EXPECT_EQ(assertionOf([&] { myStatVfs("/data/m1", nullptr); }), "resStatVfs");
-  EXPECT_EQ(assertionOf([&] { myStatVfs(nullptr, nullptr); }), "mountPath");
+  EXPECT_EQ(failedExpression([&] { myStatVfs(nullptr, &space); }), "mountPath");
+  EXPECT_EQ(failedExpression([&] { myStatVfs("/data/m1", nullptr); }), "resStatVfs");
+  EXPECT_EQ(failedExpression([&] { myStatVfs(nullptr, nullptr); }), "mountPath");
 }
 
 TEST(BlocksToFreeTest, CountsWhatIsUsedAboveTheLimit) {
@@ -542,10 +523,10 @@ TEST(BlocksToFreeTest, AssertsThatPathAndCountAreGiven) {
   const FakeDisks disks;
   struct statvfs known = spaceOf(1000, 50);
   long count = kUntouched;
-  EXPECT_EQ(assertionOf([&] { blocksToFree(nullptr, 90, &count, &known); }), "mountPath");
-  EXPECT_EQ(assertionOf([&] { blocksToFree("/data/m1", 90, nullptr, &known); }), "blockCount");
-  EXPECT_EQ(assertionOf([&] { blocksToFree(nullptr, 90, nullptr, nullptr); }), "mountPath");
-  EXPECT_EQ(assertionOf([&] { blocksToFree("/data/m1", 90, nullptr, nullptr); }), "blockCount");
+  EXPECT_EQ(failedExpression([&] { blocksToFree(nullptr, 90, &count, &known); }), "mountPath");
+  EXPECT_EQ(failedExpression([&] { blocksToFree("/data/m1", 90, nullptr, &known); }), "blockCount");
+  EXPECT_EQ(failedExpression([&] { blocksToFree(nullptr, 90, nullptr, nullptr); }), "mountPath");
+  EXPECT_EQ(failedExpression([&] { blocksToFree("/data/m1", 90, nullptr, nullptr); }), "blockCount");
   EXPECT_EQ(count, kUntouched);
 }
 
@@ -646,6 +627,6 @@ TEST(IsOnTheSameMountTest, IsFalseForTheSameMissingPath) {
 TEST(IsOnTheSameMountTest, AssertsThatBothPathsAreGiven) {
   FakeDisks disks;
   disks.set("/data/m1", 1000, 50);
-  EXPECT_EQ(assertionOf([] { IsOnTheSameMount(nullptr, "/data/m1"); }), "mountPath");
-  EXPECT_EQ(assertionOf([] { IsOnTheSameMount("/data/m1", nullptr); }), "mountPath");
+  EXPECT_EQ(failedExpression([] { IsOnTheSameMount(nullptr, "/data/m1"); }), "mountPath");
+  EXPECT_EQ(failedExpression([] { IsOnTheSameMount("/data/m1", nullptr); }), "mountPath");
 }

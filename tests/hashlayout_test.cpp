@@ -9,14 +9,13 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <optional>
 #include <random>
 #include <set>
 
 #include "fakes/fakes.h"
 #include "hashlayout.h"
-#include "paths.h"
 #include "support/child.h"
+#include "support/results.h"
 #include "support/scratch.h"
 
 namespace fs = std::filesystem;
@@ -25,15 +24,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-using Text = std::optional<std::string>;  // nullopt: null
-
-Text taken(char* handedOut) {
-  if (!handedOut) return std::nullopt;
-  const Text text(handedOut);
-  release_(handedOut);
-  return text;
-}
 
 // The hash once more, cell by cell instead of byte by byte, to set against the library's.
 std::string hashAgain(const std::string& name) {

@@ -28,6 +28,7 @@
 #include "paths.h"
 #include "registry.h"
 #include "sizeaccounting.h"
+#include "support/results.h"
 #include "support/scratch.h"
 #include "transfer.h"
 
@@ -745,10 +746,5 @@ TEST(LibraryTest, ExceptionThrownInsideIsCaughtOutsideUnderItsClass) {
   const auto status = reinterpret_cast<int (*)(const char*)>(library.find("getRepositoryStatus_"));
   EXPECT_THROW(status(nullptr), KTAssertionException);
   const auto probe = reinterpret_cast<int (*)(const char*, struct stat*)>(library.find("_Z6myStatPKcP4stat"));
-  try {
-    probe(nullptr, nullptr);
-    FAIL() << "nothing was thrown";
-  } catch (const KTException& failure) {
-    EXPECT_EQ(failure.m_code, 1);
-  }
+  EXPECT_EQ(thrownBy<KTException>([&] { probe(nullptr, nullptr); }).m_code, 1);
 }

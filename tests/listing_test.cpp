@@ -7,13 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <optional>
 #include <vector>
 
 #include "KTException.h"
 #include "fakes/fakes.h"
-#include "paths.h"
+#include "support/results.h"
 #include "support/scratch.h"
 
 namespace {
@@ -22,18 +20,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 using Names = std::list<std::string>;
-using Text = std::optional<std::string>;  // nullopt: null
-
-Text taken(char* handedOut) {
-  if (!handedOut) return std::nullopt;
-  const Text text(handedOut);
-  release_(handedOut);
-  return text;
-}
-
-void makeLink(const std::string& target, const std::string& link) {
-  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0) << strerror(errno);
-}
 
 Names namesIn(const std::string& directory) {
   Names names;

@@ -11,10 +11,9 @@
 
 #include "KTException.h"
 #include "entrypoints.h"
-#include "fakes/fakes.h"
-#include "paths.h"
 #include "registry.h"
-#include "support/repository.h"
+#include "support/fixture.h"
+#include "support/results.h"
 
 namespace {
 
@@ -25,11 +24,6 @@ using testing::IsEmpty;
 using testing::StartsWith;
 
 using Steps = std::vector<std::string>;
-
-constexpr time_t kLongAgo = 1000000;
-
-const std::string k2009 = "/FP/IA/L3/2009";
-const std::string kAbc = "/1W/H6/HW/abc";
 
 // The dirty set is asked or changed.
 const Steps kDirtySet = {"+dirty set", "-dirty set"};
@@ -48,29 +42,17 @@ Steps operator*(size_t times, const Steps& steps) {
 // Inside a resource's lock.
 Steps within(const std::string& lock, const Steps& inner) { return Steps{"+" + lock} + inner + Steps{"-" + lock}; }
 
-void taken(char* path) { release(path); }
-
-class LockOrderTest : public testing::Test {
+class LockOrderTest : public RepositoryFixture {
  protected:
-  LockOrderTest() {
-    for (size_t i = 0; i < 2; ++i) disks.setUsed(repository.mount(i), 10);
-  }
+  LockOrderTest() : RepositoryFixture({"d1", "d2"}) {}
 
-  std::string at(size_t index, const std::string& hashed) const { return repository.mount(index) + hashed; }
-  std::string place(size_t index, const std::string& hashed, const std::string& file = "file") const {
-    const std::string path = at(index, hashed);
-    writeFile(path + "/" + file, file);
-    setTimes(path, kLongAgo);
-    return path;
-  }
   std::string placeFile(size_t index, const std::string& hashed) const {
     const std::string path = at(index, hashed);
     writeFile(path, "");
     setTimes(path, kLongAgo);
     return path;
   }
-  void writeDirtySet(const std::string& lines) const { writeFile(repository.path() + "/.dirty", lines); }
-  bool marked() const { return !readFile(repository.path() + "/.dirty").empty(); }
+  bool marked() const { return !repository.dirtySet().empty(); }
 
   // The mount is as full as the function says at each time of asking.
   template <typename Percent>
@@ -121,9 +103,6 @@ class LockOrderTest : public testing::Test {
 
   ~LockOrderTest() override { EXPECT_THAT(repository.locksLeft(), ElementsAreArray(locksToBeLeft)); }
 
-  TestRepository repository{{"d1", "d2"}};
-  FakeDisks disks;
-  FakeSyslog log;
   FakeShell shell;
   Steps locksToBeLeft;
 };
@@ -157,7 +136,7 @@ TEST_F(LockOrderTest, SetupTakesTheDirtySetAlone) {
 }
 
 TEST_F(LockOrderTest, ADirtySetThatCannotBeReadIsUnlocked) {
-  writeDirtySet("2009\n");
+  repository.writeDirtySet("2009\n");
   const FailingCall fopen("fopen", EACCES, "/.dirty");
   EXPECT_EQ(allStepsOf([](const char* id) { EXPECT_THROW(getRepository(id), KTAssertionException); }), kDirtySet);
 }
@@ -176,7 +155,7 @@ TEST_F(LockOrderTest, GetLocationOfAResourceThatIsNowhereTakesTheSameLocks) {
 TEST_F(LockOrderTest, AJoinClearsTheMarkInsideTheLockOfTheResource) {
   place(0, k2009, "first");
   place(1, k2009, "second");
-  writeDirtySet("2009\n");
+  repository.writeDirtySet("2009\n");
   EXPECT_EQ(stepsOf([](const char* id) { taken(getLocation_(id, "2009", nullptr)); }), within("2009", 2 * kDirtySet));
   EXPECT_FALSE(marked());
   EXPECT_THAT(shell.commands, ElementsAre(StartsWith("cp -r "), StartsWith("diff -q -r "), StartsWith("rm -fr ")))
@@ -186,7 +165,7 @@ TEST_F(LockOrderTest, AJoinClearsTheMarkInsideTheLockOfTheResource) {
 TEST_F(LockOrderTest, TheShellRunsInsideTheLockOfTheResourceAndOutsideThatOfTheDirtySet) {
   place(0, k2009, "first");
   place(1, k2009, "second");
-  writeDirtySet("2009\n");
+  repository.writeDirtySet("2009\n");
   std::vector<Steps> held;
   shell.answer = [&](const std::string& command) {
     held.push_back(repository.locksLeft());
@@ -199,7 +178,7 @@ TEST_F(LockOrderTest, TheShellRunsInsideTheLockOfTheResourceAndOutsideThatOfTheD
 TEST_F(LockOrderTest, AJoinThatIsNotPossibleLeavesTheMark) {
   placeFile(0, k2009);
   place(1, k2009);
-  writeDirtySet("2009\n");
+  repository.writeDirtySet("2009\n");
   EXPECT_EQ(stepsOf([](const char* id) { taken(getLocation_(id, "2009", nullptr)); }), within("2009", kDirtySet));
 }
 
@@ -237,7 +216,7 @@ TEST_F(LockOrderTest, RemoveResourceAsksTheDirtySetInsideTheLockOfTheResource) {
 TEST_F(LockOrderTest, RemoveResourceJoinsUnderTheLockThatItHolds) {
   place(0, k2009, "first");
   place(1, k2009, "second");
-  writeDirtySet("2009\n");
+  repository.writeDirtySet("2009\n");
   // Asked, asked again by the search, cleared, asked for the last time.
   EXPECT_EQ(stepsOf([](const char* id) { EXPECT_EQ(removeResource_(id, "2009"), 0); }), within("2009", 4 * kDirtySet));
 }
@@ -448,7 +427,7 @@ TEST_F(LockOrderTest, ADeletionThatFailsIsMarkedInsideTheLockOfTheResource) {
 TEST_F(LockOrderTest, AWalkJoinsADirtyResourceUnderItsLockInsideThatOfTheRepository) {
   place(0, k2009, "first");
   place(1, k2009, "second");
-  writeDirtySet("2009\n");
+  repository.writeDirtySet("2009\n");
   setUsed(0, [=, this] { return marked() ? 99 : 10; });
   EXPECT_EQ(stepsOf([](const char* id) { checkOverload_(id, false); }),
             within("repository", 4 * kDirtySet + within("2009", 2 * kDirtySet) + kDirtySet));
@@ -494,7 +473,7 @@ TEST_F(LockOrderTest, AMarkThatCannotBeWrittenGivesBothLocksBackInnermostFirst) 
 
 TEST_F(LockOrderTest, AMarkThatCannotBeClearedGivesBothLocksBackInnermostFirst) {
   place(0, k2009);
-  writeDirtySet("2009\n");
+  repository.writeDirtySet("2009\n");
   getRepository(repository.id());
   const FailingCall fopen("fopen", EROFS, "/.dirty");
   for (const auto operation : {+[](const char* id) { taken(getLocation_(id, "2009", nullptr)); },
@@ -540,7 +519,7 @@ TEST_F(LockOrderTest, AnExceptionInADeletionGivesResourceAndRepositoryBackInnerm
 TEST_F(LockOrderTest, AnExceptionInAWalkGivesResourceAndRepositoryBackInnermostFirst) {
   place(0, k2009, "first");
   place(1, k2009, "second");
-  writeDirtySet("2009\n");
+  repository.writeDirtySet("2009\n");
   disks.setUsed(repository.mount(0), 99);
   getRepository(repository.id());
   const FailingCall fopen("fopen", EROFS, "/.dirty");
@@ -570,12 +549,8 @@ TEST_F(LockOrderTest, TheFirstOfSeveralLocksThatCannotBeGivenBackIsReported) {
   place(0, k2009);
   getRepository(repository.id());
   const FailingCall unlink("unlink", EACCES, "semaphore_");
-  try {
-    taken(getLocation_(repository.id(), "2009", nullptr));
-    ADD_FAILURE() << "no exception";
-  } catch (const KTIOException& failure) {
-    EXPECT_EQ(failure.m_message, "Releasing semaphore failed: " + repository.dirtyLockName() + " [Permission denied]");
-  }
+  const auto failure = thrownBy<KTIOException>([&] { taken(getLocation_(repository.id(), "2009", nullptr)); });
+  EXPECT_EQ(failure.m_message, "Releasing semaphore failed: " + repository.dirtyLockName() + " [Permission denied]");
   EXPECT_EQ(unlink.failed(), 2);
   locksToBeLeft = {"semaphore_" + repository.lockName("2009"), "semaphore_" + repository.dirtyLockName()};
 }
@@ -647,7 +622,7 @@ TEST_F(LockOrderTest, ALongPassWithMovesConflictsAndJoinsKeepsTheOrder) {
     writeFile(repository.resourcePath(1, "join" + name) + "/second", "");
     marks += "join" + name + "\n";
   }
-  writeDirtySet(marks);
+  repository.writeDirtySet(marks);
   disks.setUsed(repository.mount(0), 99);
   const Steps steps = stepsOf([](const char* id) { checkOverload_(id, false); });
   expectNested(steps);
@@ -671,7 +646,7 @@ TEST_F(LockOrderTest, WhereverALockCannotBeMadeTheOthersGoBack) {
   for (const auto operation : operations) {
     for (int skip = 0;; ++skip) {
       place(0, k2009);
-      writeDirtySet("2009\n");
+      repository.writeDirtySet("2009\n");
       const FailingCall open("open", EMFILE, "semaphore_", skip, 1);
       const Steps steps = allStepsOf([&](const char* id) {
         setup_(id);

@@ -11,6 +11,7 @@
 #include "KTRepositoryHandler.h"
 #include "fakes/fakes.h"
 #include "support/repository.h"
+#include "support/results.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -220,15 +221,11 @@ TEST_F(MountPointTest, ADirectoryThatDoesNotExistFailsTheAssertionThatOperatorsK
   const std::string dangling = files.path() + "/dangling";
   ASSERT_EQ(symlink("nowhere", dangling.c_str()), 0);
   for (const std::string& directory : {files.path() + "/absent", dangling, std::string()}) {
-    try {
-      const KTMountPointHandler mount(directory, &repository);
-      ADD_FAILURE() << "made in " << directory;
-    } catch (const KTAssertionException& failure) {
-      EXPECT_EQ(failure.m_expression, "access( mountPath.c_str(), F_OK & X_OK ) == 0");
-      EXPECT_EQ(failure.m_line, 1250);
-      EXPECT_EQ(failure.m_file, "repositoryhandler/src/libs/KTRepositoryHandler");
-      EXPECT_EQ(failure.m_code, 1);
-    }
+    const KTAssertionException failure = assertionOf([&] { KTMountPointHandler(directory, &repository); });
+    EXPECT_EQ(failure.m_expression, "access( mountPath.c_str(), F_OK & X_OK ) == 0") << directory;
+    EXPECT_EQ(failure.m_line, 1250);
+    EXPECT_EQ(failure.m_file, "repositoryhandler/src/libs/KTRepositoryHandler");
+    EXPECT_EQ(failure.m_code, 1);
   }
   EXPECT_THAT(log.texts(), IsEmpty());
 }

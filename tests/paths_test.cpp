@@ -7,26 +7,17 @@
 
 #include <cerrno>
 #include <cstring>
-#include <optional>
 
 #include "fakes/fakes.h"
 #include "hashlayout.h"
 #include "support/child.h"
+#include "support/results.h"
 #include "support/scratch.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-using Text = std::optional<std::string>;  // nullopt: null
-
-Text taken(char* handedOut) {
-  if (!handedOut) return std::nullopt;
-  const Text text(handedOut);
-  release_(handedOut);
-  return text;
-}
 
 const char* orNull(const Text& text) { return text ? text->c_str() : nullptr; }
 
@@ -53,10 +44,6 @@ class TraceSwitchedOn {
 
 // `length` bytes that lead to `path`, which is absolute: slashes in front change nothing.
 std::string padded(const std::string& path, size_t length) { return std::string(length - path.size(), '/') + path; }
-
-void makeLink(const std::string& target, const std::string& link) {
-  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0) << strerror(errno);
-}
 
 }  // namespace
 

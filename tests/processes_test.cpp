@@ -22,9 +22,9 @@
 
 #include "entrypoints.h"
 #include "fakes/fakes.h"
-#include "paths.h"
 #include "support/child.h"
 #include "support/repository.h"
+#include "support/results.h"
 
 namespace fs = std::filesystem;
 
@@ -99,29 +99,6 @@ class BoardDisks {
   FakeDisks disks;
 };
 
-struct Found {
-  std::string path;  // empty: null
-  int status;
-};
-
-Found taken(char* path, int status) {
-  const Found found{path ? path : "", status};
-  release(path);
-  return found;
-}
-
-Found create(const TestRepository& repository, const std::string& name) {
-  int status = -1;
-  char* path = createDirectory_(repository.id(), name.c_str(), &status, false);
-  return taken(path, status);
-}
-
-Found find(const TestRepository& repository, const std::string& name) {
-  int status = -1;
-  char* path = getLocation_(repository.id(), name.c_str(), &status);
-  return taken(path, status);
-}
-
 std::string numbered(std::string prefix, unsigned int number) { return prefix.append(std::to_string(number)); }
 
 // What a resource holds, file by file; told from its name and how often it was made.
@@ -167,7 +144,7 @@ class Client {
       remove(name);
     else
       use(name, known->second);
-    const Found other = find(repository, nameOf(drawBelow(kClients), drawBelow(kNamesOfAClient)));
+    const Found other = repository.find(nameOf(drawBelow(kClients), drawBelow(kNamesOfAClient)));
     EXPECT_EQ(other.status, other.path.empty() ? 4 : 0);
   }
 
@@ -189,7 +166,7 @@ class Client {
     // path is then not there, and the client asks again.
     Found found;
     do {
-      found = create(repository, name);
+      found = repository.create(name);
       ASSERT_EQ(found.status, 0) << name;
     } while (!isDirectoryThere(found.path));
     EXPECT_THAT(treeOf(found.path), IsEmpty()) << name << " was removed or never made";
@@ -199,7 +176,7 @@ class Client {
   }
 
   void use(const std::string& name, unsigned int generation) {
-    const Found found = find(repository, name);
+    const Found found = repository.find(name);
     ASSERT_EQ(found.status, 0) << name;
     EXPECT_EQ(treeOf(found.path), treeOfContent(name, generation)) << name;
     letGo(name);
@@ -208,7 +185,7 @@ class Client {
   void remove(const std::string& name) {
     EXPECT_EQ(removeResource_(repository.id(), name.c_str()), 0) << name;
     generations.erase(name);
-    EXPECT_EQ(find(repository, name).status, 4) << name;
+    EXPECT_EQ(repository.find(name).status, 4) << name;
     EXPECT_EQ(removeResource_(repository.id(), name.c_str()), 4) << name;
   }
 
@@ -295,7 +272,7 @@ TEST(ProcessesTest, NothingIsLostWhileClientsWorkAndABalancerMovesTheirResources
     for (unsigned int generation = 0; record >> name >> generation;) {
       expected.push_back(name);
       EXPECT_EQ(copiesOf(repository, name, kMounts), 1U) << name;
-      const Found found = find(repository, name);
+      const Found found = repository.find(name);
       ASSERT_EQ(found.status, 0) << name;
       EXPECT_EQ(treeOf(found.path), treeOfContent(name, generation)) << name;
     }
@@ -304,13 +281,7 @@ TEST(ProcessesTest, NothingIsLostWhileClientsWorkAndABalancerMovesTheirResources
   std::sort(expected.begin(), expected.end());
   long count = 0;
   char** names = listDirs_(repository.id(), &count, true);
-  std::vector<std::string> listed;
-  for (long i = 0; i < count; ++i) {
-    listed.emplace_back(names[i]);
-    release(names[i]);
-  }
-  delete[] names;
-  EXPECT_EQ(listed, expected) << "what was removed is on no mount";
+  EXPECT_EQ(taken(names, count), expected) << "what was removed is on no mount";
 }
 
 // Each process sees the other's favourite disk as full, so that only the lock, and the look before the creation, bring
@@ -331,7 +302,7 @@ TEST(ProcessesTest, TwoProcessesThatCreateTheSameResourceAtOnceGetTheSameLocatio
       for (unsigned int round = 0; round < kRounds; ++round) {
         ++board->ready;
         while (board->ready < 2 * (round + 1)) usleep(0);  // both begin at once
-        const Found found = create(repository, numbered("same", round));
+        const Found found = repository.create(numbered("same", round));
         record << found.status << ' ' << found.path << '\n';
       }
     }));

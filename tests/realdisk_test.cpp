@@ -13,7 +13,6 @@
 
 #include "entrypoints.h"
 #include "fakes/fakes.h"
-#include "paths.h"
 #include "realdisk/disks.h"
 #include "support/repository.h"
 
@@ -28,17 +27,6 @@ using testing::SizeIs;
 namespace {
 
 constexpr time_t kLongAgo = 1000000000;
-
-struct Found {
-  std::string path;  // empty: null
-  int status;
-};
-
-Found taken(char* path, int status) {
-  const Found found{path ? path : "", status};
-  release(path);
-  return found;
-}
 
 // Different for each seed, and nowhere alike, so that a cut or shifted copy shows.
 std::string contentOf(size_t size, unsigned int seed) {
@@ -112,16 +100,8 @@ class RealRepository {
     setTimes(pathOf(index, number), kLongAgo);
   }
 
-  Found create(const std::string& name) {
-    int status = -1;
-    char* path = createDirectory_(id(), name.c_str(), &status, false);
-    return taken(path, status);
-  }
-  Found find(const std::string& name) {
-    int status = -1;
-    char* path = getLocation_(id(), name.c_str(), &status);
-    return taken(path, status);
-  }
+  Found create(const std::string& name) const { return repository.create(name); }
+  Found find(const std::string& name) const { return repository.find(name); }
 
   TestRepository repository;
   RealDisks disks;
@@ -545,7 +525,7 @@ TEST_P(RealDiskTest, AfterACopyThatRanOutOfSpaceTheNextPassMeetsAConflict) {
   const std::string output = outputOf([&] { checkOverload_(repository.id(), true); });
   EXPECT_THAT(output, testing::HasSubstr("Conflict prevented resource move\n"));
   EXPECT_TRUE(repository.isComplete(0, 1, LargeResource::kPercent));
-  EXPECT_EQ(readFile(repository.repository.path() + "/.dirty"), repository.pathOf(0, 1) + "\n");
+  EXPECT_EQ(repository.repository.dirtySet(), repository.pathOf(0, 1) + "\n");
 }
 
 // The look-up takes the first disk that has the name. An operator removes the part.

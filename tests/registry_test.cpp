@@ -17,6 +17,7 @@
 #include "KTException.h"
 #include "fakes/fakes.h"
 #include "support/repository.h"
+#include "support/results.h"
 #include "support/scratch.h"
 
 namespace {
@@ -395,14 +396,9 @@ TEST_F(RegistryTest, MissingDirectoryOfAListedMountThrowsAndLeavesNoEntry) {
   const TestRepository repository({"d1", "d2"});
   fs::remove_all(repository.mount(1));
   for (int i = 0; i < 2; ++i) {
-    try {
-      getRepository(repository.id());
-      FAIL() << "nothing was thrown";
-    } catch (const KTAssertionException& failure) {
-      EXPECT_EQ(failure.m_message,
-                "ASSERT (access( mountPath.c_str(), F_OK & X_OK ) == 0) in "
-                "repositoryhandler/src/libs/KTRepositoryHandler at line 1250.");
-    }
+    EXPECT_EQ(assertionOf([&] { getRepository(repository.id()); }).m_message,
+              "ASSERT (access( mountPath.c_str(), F_OK & X_OK ) == 0) in "
+              "repositoryhandler/src/libs/KTRepositoryHandler at line 1250.");
     EXPECT_THAT(repositoryMap, IsEmpty());
   }
   makeDirectories(repository.mount(1));

@@ -10,6 +10,7 @@
 #include "KTRepositoryHandler.h"
 #include "fakes/fakes.h"
 #include "support/repository.h"
+#include "support/results.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -420,13 +421,9 @@ TEST_F(RepositoryTest, NoPathFailsAnAssertion) {
 
 TEST_F(RepositoryTest, AListedMountThatDoesNotExistFailsTheAssertionOfTheMount) {
   writeConfig("mountPoints=d1\\absent\\d2\n");
-  try {
-    const KTRepositoryHandler repository(files.id());
-    ADD_FAILURE() << "the mount does not exist";
-  } catch (const KTAssertionException& failure) {
-    EXPECT_EQ(failure.m_line, 1250);
-    EXPECT_EQ(failure.m_expression, "access( mountPath.c_str(), F_OK & X_OK ) == 0");
-  }
+  const KTAssertionException failure = assertionOf([&] { KTRepositoryHandler{files.id()}; });
+  EXPECT_EQ(failure.m_line, 1250);
+  EXPECT_EQ(failure.m_expression, "access( mountPath.c_str(), F_OK & X_OK ) == 0");
   EXPECT_THAT(files.locksLeft(), IsEmpty());
 }
 
@@ -494,14 +491,14 @@ TEST_F(RepositoryTest, ACopyWhoseMountIsGoneIsNotMade) {
 }
 
 TEST_F(RepositoryTest, SetupLoadsTheDirtySet) {
-  writeFile(files.path() + "/.dirty", "b\na\n");
+  files.writeDirtySet("b\na\n");
   KTRepositoryHandler repository(files.id());
   EXPECT_THAT(repository.dirtyFlagHandler.dirtySet, ElementsAre("a", "b"));
   EXPECT_EQ(repository.dirtyFlagHandler.setFile, files.path() + "/.dirty");
 }
 
 TEST_F(RepositoryTest, TheDirtySetIsLoadedBeforeTheConfiguration) {
-  writeFile(files.path() + "/.dirty", "a\n");
+  files.writeDirtySet("a\n");
   writeConfig("mountPoints=absent\n");
   CallWatch watch;
   EXPECT_THROW(KTRepositoryHandler{files.id()}, KTAssertionException);
@@ -509,7 +506,7 @@ TEST_F(RepositoryTest, TheDirtySetIsLoadedBeforeTheConfiguration) {
 }
 
 TEST_F(RepositoryTest, ADirtySetThatCannotBeOpenedFailsAnAssertion) {
-  writeFile(files.path() + "/.dirty", "a\n");
+  files.writeDirtySet("a\n");
   const FailingCall unreadable("fopen", EACCES, ".dirty");
   EXPECT_THROW(KTRepositoryHandler{files.id()}, KTAssertionException);
   EXPECT_THAT(files.locksLeft(), IsEmpty());
@@ -525,7 +522,7 @@ TEST_F(RepositoryTest, ALockFileThatCannotBeRemovedFailsTheSetup) {
 
 // An operator's matter, as after the end of a process that held it: here it is waited for, and then done without.
 TEST_F(RepositoryTest, SetupGoesOnWithoutADirtySetThatStaysLocked) {
-  writeFile(files.path() + "/.dirty", "a\n");
+  files.writeDirtySet("a\n");
   writeFile(files.lockFile(files.dirtyLockName()), "");
   FakeClock clock;
   KTRepositoryHandler repository(files.id());

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "KTException.h"
 #include "fakes/fakes.h"
+#include "support/results.h"
 #include "support/scratch.h"
 
 using testing::ElementsAre;
@@ -26,19 +26,6 @@ constexpr time_t kFarAhead = 2000000000;  // later than any use of a resource he
 constexpr bool kHashed = false;
 constexpr bool kFlat = true;
 constexpr char kDuFailed[] = "ERROR: du terminated abnormally\n";
-
-std::string assertionOf(const std::function<void()>& body) {
-  try {
-    body();
-  } catch (const KTAssertionException& thrown) {
-    return thrown.m_expression + " in " + thrown.m_file;
-  }
-  return "nothing thrown";
-}
-
-std::string inLibrary(const std::string& expression) {
-  return expression + " in repositoryhandler/src/libs/KTRepositoryHandler";
-}
 
 // Stands in for du: writes what a test announced for each path into the output file.
 class ScriptedDu {
@@ -345,7 +332,7 @@ TEST_F(SizeAccountingTest, AnOutputThatCannotBeOpenedThrowsAndLeavesTheCacheFile
   setCache("old");
   {
     const FailingCall refused("fopen", EACCES, "/.countres");
-    EXPECT_EQ(assertionOf([&] { count(kFlat); }), inLibrary("f"));
+    EXPECT_EQ(failedExpression([&] { count(kFlat); }), "f");
     EXPECT_EQ(refused.failed(), 1);
   }
   EXPECT_EQ(cache(), "old");
@@ -356,7 +343,7 @@ TEST_F(SizeAccountingTest, ACacheFileThatCannotBeReadThrowsBeforeAnythingIsMeasu
   setCache("old");
   {
     const FailingCall refused("fopen", EACCES, "/.count", 0, 1);
-    EXPECT_EQ(assertionOf([&] { count(kFlat); }), inLibrary("f"));
+    EXPECT_EQ(failedExpression([&] { count(kFlat); }), "f");
   }
   EXPECT_THAT(log.texts(), ElementsAre(filenameLine(), "Exists\n"));
   EXPECT_THAT(du.shell.commands, IsEmpty());
@@ -367,15 +354,15 @@ TEST_F(SizeAccountingTest, ACacheFileThatCannotBeWrittenThrows) {
   setCache("old");
   {
     const FailingCall refused("fopen", EROFS, "/.count", 1);
-    EXPECT_EQ(assertionOf([&] { count(kFlat); }), inLibrary("f"));
+    EXPECT_EQ(failedExpression([&] { count(kFlat); }), "f");
   }
   EXPECT_EQ(cache(), "old");
 }
 
 TEST_F(SizeAccountingTest, ADirectoryThatIsMissingHasNoPlaceForTheCacheAndThrows) {
   const std::string missing = directory / "missing";
-  EXPECT_EQ(assertionOf([&] { countSize(missing.c_str(), kHashed); }), inLibrary("f"));
-  EXPECT_EQ(assertionOf([] { countSize(nullptr, kFlat); }), inLibrary("directory"));
+  EXPECT_EQ(failedExpression([&] { countSize(missing.c_str(), kHashed); }), "f");
+  EXPECT_EQ(failedExpression([] { countSize(nullptr, kFlat); }), "directory");
 }
 
 TEST_F(SizeAccountingTest, ReadsTriplesAsTheyCome) {

@@ -8,14 +8,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <functional>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "KTException.h"
 #include "fakes/fakes.h"
+#include "support/results.h"
 #include "support/scratch.h"
 
 using testing::ElementsAre;
@@ -28,19 +27,6 @@ constexpr time_t kLongerAgo = 900000000;
 constexpr int kExitOne = 256;  // what system gives for a command that exits with 1
 constexpr int kThrew = -1;     // moveRes gave no result
 
-std::string assertionOf(const std::function<void()>& body) {
-  try {
-    body();
-  } catch (const KTAssertionException& thrown) {
-    return thrown.m_expression + " in " + thrown.m_file;
-  }
-  return "nothing thrown";
-}
-
-std::string inLibrary(const std::string& expression) {
-  return expression + " in repositoryhandler/src/libs/KTRepositoryHandler";
-}
-
 bool startsWith(const std::string& text, const std::string& start) { return text.rfind(start, 0) == 0; }
 
 // Lets the commands of `tool` give `status` and errno without running; all others run.
@@ -50,11 +36,6 @@ void failTool(FakeShell& shell, const std::string& tool, int status, int error) 
     errno = error;
     return status;
   };
-}
-
-size_t openDescriptors() {
-  const std::filesystem::directory_iterator all("/proc/self/fd");
-  return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 // What myStat logs before its caller does.
@@ -148,7 +129,7 @@ TEST_F(MountRenameTest, DestinationWithoutADirectoryPartGivesMinusOneAndRunsNoth
 
 TEST_F(MountRenameTest, NullOriginThrows) {
   FakeShell shell;
-  EXPECT_EQ(assertionOf([&] { mountRename(nullptr, to().c_str()); }), inLibrary("origin"));
+  EXPECT_EQ(failedExpression([&] { mountRename(nullptr, to().c_str()); }), "origin");
   EXPECT_THAT(shell.commands, IsEmpty());
 }
 
@@ -255,29 +236,23 @@ TEST_F(MountRenameTest, LogsNothing) {
 
 TEST_F(MoveResTest, MissingOriginThrowsTheAssertionOfLine538) {
   FakeShell shell;
-  try {
-    move();
-    ADD_FAILURE() << "nothing thrown";
-  } catch (const KTAssertionException& thrown) {
-    std::string text;
-    thrown.toString(text);
-    EXPECT_EQ(text,
-              "ASSERT (access( origin, F_OK ) == 0) in repositoryhandler/src/libs/KTRepositoryHandler at line 538.");
-    EXPECT_EQ(thrown.m_line, 538);
-    EXPECT_EQ(thrown.m_code, 1);
-  }
+  const KTAssertionException thrown = assertionOf([&] { move(); });
+  EXPECT_EQ(rendered(thrown),
+            "ASSERT (access( origin, F_OK ) == 0) in repositoryhandler/src/libs/KTRepositoryHandler at line 538.");
+  EXPECT_EQ(thrown.m_line, 538);
+  EXPECT_EQ(thrown.m_code, 1);
   EXPECT_THAT(shell.commands, IsEmpty());
   EXPECT_THAT(log.texts(), IsEmpty());
 }
 
 TEST_F(MoveResTest, NullAndEmptyOriginsAreMissing) {
-  EXPECT_EQ(assertionOf([&] { moveRes(nullptr, to().c_str()); }), inLibrary("access( origin, F_OK ) == 0"));
-  EXPECT_EQ(assertionOf([&] { moveRes("", to().c_str()); }), inLibrary("access( origin, F_OK ) == 0"));
+  EXPECT_EQ(failedExpression([&] { moveRes(nullptr, to().c_str()); }), "access( origin, F_OK ) == 0");
+  EXPECT_EQ(failedExpression([&] { moveRes("", to().c_str()); }), "access( origin, F_OK ) == 0");
 }
 
 TEST_F(MoveResTest, NullDestinationThrows) {
   writeFile(from(), "content");
-  EXPECT_EQ(assertionOf([&] { moveRes(from().c_str(), nullptr); }), inLibrary("destination"));
+  EXPECT_EQ(failedExpression([&] { moveRes(from().c_str(), nullptr); }), "destination");
   EXPECT_EQ(readFile(from()), "content");
 }
 
@@ -539,7 +514,7 @@ TEST_F(MoveResTest, AMergeThatMeetsADanglingLinkThrows) {
   writeFile(from("a"), "a");
   std::filesystem::create_symlink("/nonexistent", from("link"));
   makeDirectories(to());
-  EXPECT_EQ(assertionOf([&] { move(); }), inLibrary("access( origin, F_OK ) == 0")) << "links are followed";
+  EXPECT_EQ(failedExpression([&] { move(); }), "access( origin, F_OK ) == 0") << "links are followed";
   EXPECT_TRUE(std::filesystem::is_symlink(from("link")));
   EXPECT_EQ(readFile(to("a")), "a");
 }
@@ -586,7 +561,7 @@ class SweptMove {
   }
 
   int run() {
-    const size_t before = openDescriptors();
+    const long before = openDescriptors();
     int result = kThrew;
     outputOf([&] {
       try {
@@ -712,7 +687,7 @@ TEST(TransferSweepTest, ADeletionThatFailsLeavesEachOtherFileWholeAndTheNextOneF
       const FakeSyslog log;
       const std::string path = directory / "resource";
       writeFiles(path, kMoved);
-      const size_t descriptors = openDescriptors();
+      const long descriptors = openDescriptors();
       int result = 0;
       int failed = 0;
       {

@@ -4,21 +4,12 @@
 #include <ctime>
 #include <filesystem>
 
+#include "entrypoints.h"
 #include "hashlayout.h"
 #include "listing.h"
-#include "paths.h"
+#include "support/results.h"
 
 namespace fs = std::filesystem;
-
-namespace {
-
-std::string taken(char* text) {
-  const std::string copy(text);
-  release(text);
-  return copy;
-}
-
-}  // namespace
 
 TestRepository::TestRepository(const std::vector<std::string>& mountNames, const std::string& settings)
     : lockVariable("LOCK_VAR", directory / "locks"),
@@ -32,10 +23,10 @@ TestRepository::TestRepository(const std::vector<std::string>& mountNames, const
 }
 
 std::string TestRepository::lockName(const std::string& resource) const {
-  return taken(toResourceID(root.c_str(), resource.c_str()));
+  return taken(toResourceID(root.c_str(), resource.c_str())).value();
 }
 
-std::string TestRepository::dirtyLockName() const { return taken(toResourceID((root + "/.dirty").c_str(), "")); }
+std::string TestRepository::dirtyLockName() const { return taken(toResourceID(dirtySetFile().c_str(), "")).value(); }
 
 std::vector<std::string> TestRepository::locksLeft() const {
   std::vector<std::string> left;
@@ -63,7 +54,7 @@ void TestRepository::giveBack(size_t index) const {
 }
 
 std::string TestRepository::resourcePath(size_t index, const std::string& name) const {
-  return mount(index) + "/" + taken(createHash(name.c_str()));
+  return mount(index) + "/" + taken(createHash(name.c_str())).value();
 }
 
 std::string TestRepository::place(size_t index, const std::string& name, const std::string& content,
@@ -83,6 +74,18 @@ std::string TestRepository::placeFile(size_t index, const std::string& name, con
   writeFile(path, content);
   if (used) setTimes(path, used);
   return path;
+}
+
+Found TestRepository::create(const std::string& name) const {
+  int status = -1;
+  const Text path = taken(createDirectory_(id(), name.c_str(), &status, false));
+  return {path.value_or(""), status};
+}
+
+Found TestRepository::find(const std::string& name) const {
+  int status = -1;
+  const Text path = taken(getLocation_(id(), name.c_str(), &status));
+  return {path.value_or(""), status};
 }
 
 std::string TestRepository::listOfMounts() const {

@@ -8,6 +8,12 @@
 
 #include "support/scratch.h"
 
+// What a look-up or a creation gave.
+struct Found {
+  std::string path;  // empty: null
+  int status;
+};
+
 class TestRepository {
  public:
   // Mount directories of these names below the root, each with an empty "repositorypart.cfg", and a
@@ -41,7 +47,16 @@ class TestRepository {
   // Makes a resource that is a file.
   std::string placeFile(size_t index, const std::string& name, const std::string& content, time_t used = 0) const;
 
+  // By the flat entries.
+  Found create(const std::string& name) const;
+  Found find(const std::string& name) const;
+
+  // What the file of the dirty set holds.
+  void writeDirtySet(const std::string& lines) const { writeFile(dirtySetFile(), lines); }
+  std::string dirtySet() const { return readFile(dirtySetFile()); }
+
  private:
+  std::string dirtySetFile() const { return root + "/.dirty"; }
   std::string listOfMounts() const;
 
   ScratchDirectory directory;

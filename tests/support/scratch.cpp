@@ -64,6 +64,8 @@ bool isThere(const std::string& path) { return fs::exists(fs::symlink_status(pat
 
 bool isDirectoryThere(const std::string& path) { return fs::is_directory(path); }
 
+void makeLink(const std::string& target, const std::string& link) { fs::create_symlink(target, link); }
+
 void setTimes(const std::string& path, time_t access, time_t modification) {
   const utimbuf times = {access, modification};
   if (utime(path.c_str(), &times) != 0) throw std::runtime_error("no times for " + path);
@@ -92,6 +94,11 @@ std::vector<std::string> treeOf(const std::string& path) {
   }
   std::sort(tree.begin(), tree.end());
   return tree;
+}
+
+long openDescriptors() {
+  const fs::directory_iterator descriptors("/proc/self/fd");
+  return std::distance(begin(descriptors), end(descriptors));
 }
 
 CapturedOutput::CapturedOutput() {

@@ -55,12 +55,16 @@ std::string readFile(const std::string& path);
 void makeDirectories(const std::string& path);
 bool isThere(const std::string& path);  // links not followed
 bool isDirectoryThere(const std::string& path);
+void makeLink(const std::string& target, const std::string& link);  // symbolic
 void setTimes(const std::string& path, time_t access, time_t modification);
 void setTimes(const std::string& path, time_t both);
 time_t accessTime(const std::string& path);
 time_t modificationTime(const std::string& path);
 // Every file below `path`, as "relative/path=content"; directories as "relative/path/". Sorted.
 std::vector<std::string> treeOf(const std::string& path);
+
+// The descriptors that this process holds, and the one that counts them.
+long openDescriptors();
 
 // What a function prints on standard output, through stdio or a child process.
 template <typename Body>
