@@ -104,16 +104,29 @@ TEST_F(KTLoggerTest, StreamsAndLevelsKeepTheirNumbers) {
   EXPECT_EQ(static_cast<int>(MODE_NONE), 5);
 }
 
+TEST_F(KTLoggerTest, ANameInUpperCaseOrWithATrailingBlankSelectsLocal0) {
+  KTLogger logger("kt");
+  for (const char* name : {"LOCAL5", "local5 "}) {
+    const EnvironmentVariable variable("LOG_FACILITY", name);
+    logger.openLog(FACILITY_MAIN);
+    EXPECT_EQ(log.events.back(), openEvent("kt", LOG_LOCAL0)) << '"' << name << '"';
+    const EnvironmentVariable oper("LOG_OPER_FACILITY", name);
+    const EnvironmentVariable general("LOG_FACILITY", "local3");
+    logger.openLog(FACILITY_OPER);
+    EXPECT_EQ(log.events.back(), openEvent("kt", LOG_LOCAL0)) << '"' << name << '"';
+  }
+}
+
 TEST_F(KTLoggerTest, VariableNamesOneOfTheLocalFacilities) {
   const struct {
     std::optional<std::string> value;
     int facility;
   } table[] = {
-      {"local0", LOG_LOCAL0},     {"local1", LOG_LOCAL1},  {"local2", LOG_LOCAL2}, {"local3", LOG_LOCAL3},
-      {"local4", LOG_LOCAL4},     {"local5", LOG_LOCAL5},  {"local6", LOG_LOCAL6}, {"local7", LOG_LOCAL7},
-      {std::nullopt, LOG_LOCAL0}, {"", LOG_LOCAL0},        {"LOCAL5", LOG_LOCAL0}, {"Local5", LOG_LOCAL0},
-      {"local5 ", LOG_LOCAL0},    {" local5", LOG_LOCAL0}, {"local", LOG_LOCAL0},  {"local8", LOG_LOCAL0},
-      {"local55", LOG_LOCAL0},    {"user", LOG_LOCAL0},    {"daemon", LOG_LOCAL0}, {"5", LOG_LOCAL0},
+      {"local0", LOG_LOCAL0},     {"local1", LOG_LOCAL1}, {"local2", LOG_LOCAL2},  {"local3", LOG_LOCAL3},
+      {"local4", LOG_LOCAL4},     {"local5", LOG_LOCAL5}, {"local6", LOG_LOCAL6},  {"local7", LOG_LOCAL7},
+      {std::nullopt, LOG_LOCAL0}, {"", LOG_LOCAL0},       {"Local5", LOG_LOCAL0},  {" local5", LOG_LOCAL0},
+      {"local", LOG_LOCAL0},      {"local8", LOG_LOCAL0}, {"local55", LOG_LOCAL0}, {"user", LOG_LOCAL0},
+      {"daemon", LOG_LOCAL0},     {"5", LOG_LOCAL0},
   };
   KTLogger logger("kt");
   for (const auto& row : table) {
@@ -199,7 +212,7 @@ TEST_F(KTLoggerTest, OpenStreamIsSharedByAllLoggers) {
 
 TEST_F(KTLoggerTest, NullIdentLogsUnderUnknown) {
   KTLogger logger(nullptr);
-  EXPECT_EQ(logger.ident.get(), nullptr);
+  EXPECT_EQ(logger.ident, nullptr);
   logger.errorLog("who");
   EXPECT_EQ(log.lines.back().ident, "unknown");
 }
@@ -208,7 +221,7 @@ TEST_F(KTLoggerTest, IdentIsCopied) {
   char name[] = "kt";
   KTLogger logger(name);
   name[0] = 'x';
-  EXPECT_NE(logger.ident.get(), name);
+  EXPECT_NE(logger.ident, name);
   logger.errorLog("who");
   EXPECT_EQ(log.lines.back().ident, "kt");
 }

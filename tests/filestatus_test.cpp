@@ -408,6 +408,11 @@ TEST(MyStatVfsTest, AssertsThatBothArgumentsAreGiven) {
   EXPECT_EQ(failedExpression([&] { myStatVfs(nullptr, nullptr); }), "mountPath");
 }
 
+// 950 of 1000 blocks are used, and 90 percent in single precision is a little less than 900 blocks.
+TEST(BlocksToFreeTest, FiftyOneBlocksAreTooManyWhenFiftyOfAThousandAreAvailableAtALimitOfNinety) {
+  EXPECT_EQ(toFree(spaceOf(1000, 50), 90), 51);
+}
+
 TEST(BlocksToFreeTest, CountsWhatIsUsedAboveTheLimit) {
   const struct {
     fsblkcnt_t blocks;
@@ -415,7 +420,6 @@ TEST(BlocksToFreeTest, CountsWhatIsUsedAboveTheLimit) {
     int limit;
     long want;
   } rows[] = {
-      {1000, 50, 90, 51},   // 90 percent in single precision is a little less than 900 blocks
       {1000, 50, 70, 251},  // 699 allowed
       {1000, 50, 95, 1},    // 949 allowed
       {1000, 50, 1, 941},   // 9 allowed
@@ -618,10 +622,19 @@ TEST(IsOnTheSameMountTest, IsFalseWhenOnePathIsMissing) {
   }
 }
 
-TEST(IsOnTheSameMountTest, IsFalseForTheSameMissingPath) {
+TEST(IsOnTheSameMountTest, IsFalseForTheSameMissingPathAndTellsItForEach) {
+  const ScratchDirectory dir;
+  const std::string missing = dir / "missing";
+  const FakeSyslog log;
+  EXPECT_FALSE(IsOnTheSameMount(missing.c_str(), missing.c_str()));
+  EXPECT_THAT(log.texts(), ElementsAre(statvfsFailed(missing, ENOENT), statvfsFailed(missing, ENOENT)));
+}
+
+TEST(IsOnTheSameMountTest, TwoMissingPathsAreToldInTheirOrder) {
   const ScratchDirectory dir;
   const FakeSyslog log;
-  EXPECT_FALSE(IsOnTheSameMount((dir / "missing").c_str(), (dir / "missing").c_str()));
+  EXPECT_FALSE(IsOnTheSameMount((dir / "one").c_str(), (dir / "two").c_str()));
+  EXPECT_THAT(log.texts(), ElementsAre(statvfsFailed(dir / "one", ENOENT), statvfsFailed(dir / "two", ENOENT)));
 }
 
 TEST(IsOnTheSameMountTest, AssertsThatBothPathsAreGiven) {

@@ -81,10 +81,7 @@ const std::string kHashedAB = "BC/6J/AJ/a/NM/R7/0H/b/";
 
 }  // namespace
 
-TEST(HashLengthTest, IsTwoCharactersInEachOfThreeLevels) {
-  EXPECT_EQ(hashLength, 2u);
-  EXPECT_EQ(kHashLevels, 3u);
-}
+TEST(HashLengthTest, IsTwoCharactersInEachOfThreeLevels) { EXPECT_EQ(hashLength, 2u); }
 
 TEST(CreateHashTest, GivesThreeLevelsAndTheNameItself) {
   const struct {
@@ -358,7 +355,7 @@ TEST(CreateDirectoryTest, TwoProcessesAtOnceLeaveEveryDirectory) {
   other.tell();
   createAll();
   EXPECT_EQ(other.join(), 0);
-  // Where one process loses a race it gives up, and the one that won it goes on to the end.
+  // Where one process loses a race it goes on in the directory that the other has made.
   for (int i = 0; i < 100; ++i) EXPECT_TRUE(isDirectoryThere(dir / (std::to_string(i) + "/" + kHashedAB))) << i;
 }
 

@@ -17,6 +17,7 @@
 
 #include "KTException.h"
 #include "KTLogger.h"
+#include "KTOwned.h"
 #include "KTProperties.h"
 #include "KTRepositoryHandler.h"
 #include "KTSemaphore.h"
@@ -723,7 +724,7 @@ TEST(LibraryTest, GlobalsBeginWithTheirValues) {
   EXPECT_FALSE(g_ktVerbose);
   EXPECT_THAT(FACILITY_ARRAY, ElementsAre(0, 0, 1, 1, 1, 2));
   EXPECT_EQ(KTLogger::m_lastFacility, FACILITY_NONE);
-  EXPECT_STREQ(rh_logger.ident.get(), "KTRepositoryHandler");
+  EXPECT_STREQ(rh_logger.ident, "KTRepositoryHandler");
   EXPECT_THAT(repositoryMap, IsEmpty());
 }
 

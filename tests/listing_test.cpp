@@ -444,6 +444,10 @@ TEST(ListResourcesRecursivelyTest, ReadsEachDirectoryOnceAndLooksAtEachEntryOnce
                           dir / "repositorypart.cfg"));
 }
 
+TEST(ToResourceIDTest, JoinsRepositoryAndResourceWithAHyphenAndUnderscoresForSlashes) {
+  EXPECT_EQ(taken(toResourceID("a/b", "c/d")), "KTRepositoryHandler-a_b-c_d");
+}
+
 TEST(ToResourceIDTest, TurnsEverySlashIntoAnUnderscore) {
   const struct {
     const char* repository;
@@ -452,7 +456,6 @@ TEST(ToResourceIDTest, TurnsEverySlashIntoAnUnderscore) {
   } rows[] = {
       {"/data/rep", "2009", "KTRepositoryHandler-_data_rep-2009"},
       {"/data/rep/.dirty", "", "KTRepositoryHandler-_data_rep_.dirty-"},
-      {"a/b", "c/d", "KTRepositoryHandler-a_b-c_d"},
       {"/data/rep", "", "KTRepositoryHandler-_data_rep-"},
       {"", "", "KTRepositoryHandler--"},
       {"", "a", "KTRepositoryHandler--a"},

@@ -619,9 +619,12 @@ TEST_F(LocationTest, AConflictInsideTheCopiesPassesTheCodeOfTheMoveOn) {
   repository.writeDirtySet("2009\n");
   EXPECT_EQ(taken(handler().getLocation("2009", &status, true, false)), std::nullopt);
   EXPECT_EQ(status, 2);
-  EXPECT_EQ(joins(), 1) << "unlike copies that were not tried";
-  EXPECT_THAT(errors(),
-              ElementsAre("The resource \"" + at(0, k2009) + "/same\" conflicts with \"" + at(1, k2009) + "/same\"."));
+  EXPECT_THAT(log.texts(),
+              ElementsAre("The resource \"" + at(0, k2009) + "/same\" conflicts with \"" + at(1, k2009) + "/same\".",
+                          "--- Dirty conflict handling ---"))
+      << "unlike copies that were not tried";
+  EXPECT_EQ(errors().size(), 1U);
+  EXPECT_EQ(joins(), 1);
   EXPECT_THAT(treeOf(at(2, k2009)), ElementsAre("third=third")) << "nothing more is moved";
   EXPECT_EQ(repository.dirtySet(), "2009\n");
 }
@@ -632,9 +635,16 @@ TEST_F(LocationTest, AMoveThatFailsPassesItsEightOn) {
   place(2, k2009, "third");
   repository.writeDirtySet("2009\n");
   FakeShell shell;
-  shell.answer = [](const std::string& command) { return command.rfind("cp ", 0) == 0 ? 256 : 0; };
+  shell.answer = [](const std::string& command) {
+    errno = EIO;
+    return command.rfind("cp ", 0) == 0 ? 256 : 0;
+  };
   EXPECT_EQ(taken(handler().getLocation("2009", &status, true, false)), std::nullopt);
   EXPECT_EQ(status, 8);
+  EXPECT_THAT(log.texts(), ElementsAre("The resource \"" + at(0, k2009) + "/first\" could not be renamed to \"" +
+                                           at(1, k2009) + "/first\". Error code is " + static_cast<char>(EIO),
+                                       "--- Dirty conflict handling ---"));
+  EXPECT_EQ(errors().size(), 1U);
   EXPECT_EQ(joins(), 1);
   EXPECT_THAT(shell.commands, ElementsAre("cp -r " + at(0, k2009) + "/first " + at(1, k2009) + "/first"));
   EXPECT_THAT(treeOf(at(0, k2009)), ElementsAre("first=first"));
@@ -1068,6 +1078,28 @@ TEST_P(CreationTest, MarksNothingDirtyWhileAllMountsAreThere) {
   EXPECT_FALSE(isThere(repository.path() + "/.dirty"));
 }
 
+// The status is that of the last look at all mounts; the choice of a mount refreshes it, after the marking.
+TEST_P(CreationTest, MarksNothingDirtyWhenAMountWentAwaySinceTheLastStatus) {
+  handler();
+  repository.takeOut(1);
+  EXPECT_EQ(create("abc"), at(0, kAbc));
+  EXPECT_FALSE(isThere(repository.path() + "/.dirty"));
+  EXPECT_EQ(handler().status, REPOSITORY_INCOMPLETE) << "refreshed meanwhile";
+  EXPECT_NE(create("2009"), std::nullopt);
+  EXPECT_EQ(repository.dirtySet(), "2009\n") << "the next one is marked";
+}
+
+TEST_P(CreationTest, MarksANewResourceDirtyWhenAMountCameBackSinceTheLastStatus) {
+  repository.takeOut(1);
+  handler();
+  repository.giveBack(1);
+  EXPECT_EQ(create("abc"), at(0, kAbc));
+  EXPECT_EQ(repository.dirtySet(), "abc\n");
+  EXPECT_EQ(handler().status, 0) << "refreshed meanwhile";
+  EXPECT_NE(create("2009"), std::nullopt);
+  EXPECT_EQ(repository.dirtySet(), "abc\n") << "the next one is not";
+}
+
 TEST_P(CreationTest, MarksAResourceThatIsThereNotDirty) {
   place(2, kAbc, "third");
   repository.takeOut(0);
@@ -1228,6 +1260,16 @@ TEST_F(LocationTest, RemoveResourceAddsTheBitsOfTheLegacyResource) {
   EXPECT_EQ(handler().removeResource("2009"), 8);
   EXPECT_FALSE(isThere(at(1, k2009)));
   EXPECT_TRUE(isThere(legacy("2009")));
+}
+
+TEST_F(LocationTest, RemoveResourceKeepsTheBitsOfAMountWhenTheLegacyResourceCouldBeRemoved) {
+  useLegacy();
+  place(1, k2009, "second");
+  writeFile(legacy("2009"), "old");
+  const FailingCall remove("remove", EBUSY, at(1, k2009));
+  EXPECT_EQ(handler().removeResource("2009"), 8);
+  EXPECT_TRUE(isThere(at(1, k2009)));
+  EXPECT_FALSE(isThere(legacy("2009")));
 }
 
 TEST_F(LocationTest, RemoveResourceJoinsTheCopiesOfADirtyResourceFirst) {

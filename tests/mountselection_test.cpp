@@ -469,6 +469,32 @@ TEST(MountServiceTest, TakingAMountOutRenamesItsFile) {
   EXPECT_EQ(bench.log.lines[0].priority, LOG_DEBUG);
 }
 
+TEST(MountServiceTest, WhileOneOfTwoMountsIsTakenOutTheRepositoryIsIncompleteAndTheOtherIsChosen) {
+  Bench bench(2);
+  bench.use({91, 91});
+  ASSERT_EQ(bench.repository->getActualMountPoint(), 0);
+  ASSERT_EQ(bench.repository->status, 0x03);
+  const std::vector<std::string> before = treeOf(bench.files.path());
+
+  EXPECT_EQ(bench.repository->MountUnmount(0, false), 0);
+  EXPECT_EQ(bench.repository->status, 0x83);
+  EXPECT_EQ(bench.repository->getActualMountPoint(), 1);
+  const std::vector<std::string> without = treeOf(bench.files.path());
+  EXPECT_NE(without, before);
+
+  EXPECT_EQ(bench.repository->MountUnmount(0, false), 0) << "a second call";
+  EXPECT_EQ(treeOf(bench.files.path()), without);
+  EXPECT_EQ(bench.repository->status, 0x83);
+  EXPECT_EQ(bench.repository->getActualMountPoint(), 1);
+
+  EXPECT_EQ(bench.repository->giveBackMounts(), 0x03);
+  EXPECT_EQ(treeOf(bench.files.path()), before);
+  EXPECT_EQ(bench.repository->status, 0x03);
+  EXPECT_EQ(bench.repository->getActualMountPoint(), 0);
+  EXPECT_THAT(bench.log.texts(),
+              ElementsAre("Unmounting mount 0", "Mounts are back", "Mount is back in town:" + bench.config(0)));
+}
+
 TEST(MountServiceTest, PuttingAMountBackRenamesItsFileBack) {
   Bench bench(3);
   bench.files.takeOut(2);

@@ -304,12 +304,15 @@ TEST(MkdirsTest, FailsBelowAFile) {
   EXPECT_THAT(treeOf(dir.path()), ElementsAre("file=content"));
 }
 
-TEST(MkdirsTest, FailsBelowADanglingLink) {
+TEST(MkdirsTest, FailsWithEexistWhereADanglingLinkIsInTheWayOfADirectoryAbove) {
   const ScratchDirectory dir;
   makeLink(dir / "missing", dir / "link");
-  errno = 0;
-  EXPECT_EQ(mkdirs((dir / "link/a").c_str(), 0755), -1);
-  EXPECT_EQ(errno, EEXIST);
+  for (const char* path : {"link/a", "link/a/b"}) {
+    errno = 0;
+    EXPECT_EQ(mkdirs((dir / path).c_str(), 0755), -1) << path;
+    EXPECT_EQ(errno, EEXIST) << path;
+  }
+  EXPECT_FALSE(isThere(dir / "missing")) << "nothing is made where the link leads";
 }
 
 TEST(MkdirsTest, FollowsALinkToADirectory) {
@@ -364,15 +367,15 @@ TEST(MkdirsTest, MakesANameOfTheGreatestLengthThatTheDiskTakes) {
   EXPECT_TRUE(isDirectoryThere(dir / (name + "/b")));
 }
 
-TEST(MkdirsTest, ASecondTrySucceedsAfterALostRace) {
+TEST(MkdirsTest, ADirectoryThatAnotherProcessMadeInBetweenIsNoFailure) {
   const ScratchDirectory dir;
   makeDirectories(dir / "a");
-  {
-    // The other process made it just after this one looked.
-    const FailingCall notYet("access", ENOENT, "/a", 0, 1);
-    mkdirs((dir / "a/b").c_str(), 0755);
-  }
+  // The other process made it just after this one looked.
+  const FailingCall notYet("access", ENOENT, dir / "a", 0, 1);
+  const CallWatch watch;
   EXPECT_EQ(mkdirs((dir / "a/b").c_str(), 0755), 0);
+  EXPECT_EQ(notYet.failed(), 1);
+  EXPECT_THAT(watch.calls, testing::Contains("mkdir " + (dir / "a"))) << "this one tried it as well";
   EXPECT_THAT(treeOf(dir.path()), ElementsAre("a/", "a/b/"));
 }
 

@@ -151,7 +151,7 @@ class RegistryTest : public testing::Test {
 // as open, so that only the message goes out, and libc drops it.
 struct BeforeMain {
   BeforeMain() {
-    if (rh_logger.ident) ident = rh_logger.ident.get();
+    if (rh_logger.ident) ident = rh_logger.ident;
     KTLogger::m_lastFacility = FACILITY_MAIN;
     const int mask = setlogmask(LOG_MASK(LOG_EMERG));
     rh_logger.debugLog("before %s", "main");
@@ -515,7 +515,7 @@ TEST_F(RegistryTest, ProcessEndReleasesTheIdentAfterTheHandlersAndClosesTheLogOn
   const TestRepository repository({"d1"});
   const std::vector<std::string> events = eventsUntilTheEnd([&] {
     watch(0, getRepository(repository.id()));
-    watch(1, rh_logger.ident.get());
+    watch(1, rh_logger.ident);
     rh_logger.debugLog("one");
     rh_logger.operInfoLog("two");
   });

@@ -630,15 +630,6 @@ TEST_F(RepositoryTest, TheListOfDeletedPathsIsTheHandlersOwn) {
   EXPECT_EQ(repository.getDeletedDirs(), &repository.deletedDirs);
 }
 
-TEST_F(RepositoryTest, HandingOutALegacyPathWritesNothing) {
-  KTRepositoryHandler repository(files.id());
-  const std::vector<std::string> before = treeOf(files.path());
-  repository.writeToLegacyLog("text");
-  repository.writeToLegacyLog(nullptr);
-  EXPECT_EQ(treeOf(files.path()), before);
-  EXPECT_THAT(log.texts(), IsEmpty());
-}
-
 TEST_F(RepositoryTest, ReadingTheConfigurationWritesNothing) {
   const std::vector<std::string> before = treeOf(files.path());
   KTRepositoryHandler repository(files.id());

@@ -92,9 +92,12 @@ class KT_API KTAssertionException : public KTException {
 
 // Throws KTAssertionException when `expression` is false. Never compiled out: callers rely on the throw.
 // The expression is stringised here and at once, so that macros in it stay as they are written.
-#define KT_ASSERT(expression)                                                             \
-  do {                                                                                    \
-    if (!(expression)) throw KTAssertionException(#expression, __LINE__, KT_SOURCE_FILE); \
+#define KT_ASSERT(expression) KT_ASSERT_AS(#expression, expression)
+
+// The same under another text.
+#define KT_ASSERT_AS(text, expression)                                             \
+  do {                                                                             \
+    if (!(expression)) throw KTAssertionException(text, __LINE__, KT_SOURCE_FILE); \
   } while (false)
 
 #endif

@@ -46,11 +46,11 @@ int priorityOf(LOG_MODE mode) {
   }
 }
 
-OwnedChars copyOf(const char* text) {
+char* copyOf(const char* text) {
   if (!text) return nullptr;
   const size_t size = strlen(text) + 1;
-  OwnedChars copy(new char[size]);
-  memcpy(copy.get(), text, size);
+  char* copy = new char[size];
+  memcpy(copy, text, size);
   return copy;
 }
 
@@ -59,7 +59,7 @@ OwnedChars copyOf(const char* text) {
 KTLogger::KTLogger(const char* name) : ident(copyOf(name)) {}
 
 KTLogger::~KTLogger() {
-  ident.reset();
+  delete[] ident;
   if (m_lastFacility == FACILITY_NONE) return;
   closelog();
   m_lastFacility = FACILITY_NONE;
@@ -67,7 +67,7 @@ KTLogger::~KTLogger() {
 
 void KTLogger::openLog(LOG_FACILITY facility) {
   const char* variable = facility == FACILITY_OPER ? "LOG_OPER_FACILITY" : "LOG_FACILITY";
-  openlog(ident ? ident.get() : "unknown", LOG_PID, facilityNamed(getenv(variable)));
+  openlog(ident ? ident : "unknown", LOG_PID, facilityNamed(getenv(variable)));
   m_lastFacility = facility;
 }
 

@@ -10,7 +10,6 @@
 #include <cstdarg>
 
 #include "KTApi.h"
-#include "KTOwned.h"
 
 // A stream. Its facility comes from an environment variable, read each time the stream is opened: one of
 // "local0" to "local7", anything else or nothing meaning "local0".
@@ -55,7 +54,7 @@ class KT_API KTLogger {
 
   static LOG_FACILITY m_lastFacility;  // the stream for which the system log was last opened
 
-  OwnedChars ident;  // null: none was given
+  char* ident;  // owned, from array new; null: none was given
 };
 
 #endif

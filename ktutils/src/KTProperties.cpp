@@ -7,6 +7,7 @@
 
 #include "KTException.h"
 #include "KTLinePieces.h"
+#include "KTOwned.h"
 
 namespace {
 
@@ -14,9 +15,18 @@ bool isBlank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
 
 }  // namespace
 
-KTProperty::KTProperty(const char* name, const char* value) : m_name(copy(name)), m_value(copy(value)) {}
+KTProperty::KTProperty() = default;
 
-KTProperty::~KTProperty() = default;
+// Through the empty pair, so that a value that cannot be copied leaves no name behind.
+KTProperty::KTProperty(const char* nameText, const char* valueText) : KTProperty() {
+  name = copy(nameText);
+  value = copy(valueText);
+}
+
+KTProperty::~KTProperty() {
+  delete[] name;
+  delete[] value;
+}
 
 char* KTProperty::copy(const char* str) {
   KT_ASSERT(str);
@@ -27,14 +37,16 @@ char* KTProperty::copy(const char* str) {
   return dest.release();
 }
 
-void KTProperty::setValue(const char* value) {
-  KT_ASSERT(value);
-  m_value.reset(copy(value));
+void KTProperty::setValue(const char* newValue) {
+  KT_ASSERT_AS("value", newValue);
+  char* fresh = copy(newValue);  // before the old one goes: it may be what is copied
+  delete[] value;
+  value = fresh;
 }
 
-const char* KTProperty::getName() const { return m_name.get(); }
+const char* KTProperty::getName() const { return name; }
 
-const char* KTProperty::getValue() const { return m_value.get(); }
+const char* KTProperty::getValue() const { return value; }
 
 KTProperties::KTProperties() = default;
 

@@ -9,13 +9,12 @@
 #include <memory>
 
 #include "KTApi.h"
-#include "KTOwned.h"
 
 // One pair. It owns both texts.
 class KT_API KTProperty {
  public:
   // Copies both. Throws KTAssertionException "str" for a null.
-  KTProperty(const char* name, const char* value);
+  KTProperty(const char* nameText, const char* valueText);
   ~KTProperty();
   KTProperty(const KTProperty&) = delete;
   KTProperty& operator=(const KTProperty&) = delete;
@@ -23,13 +22,16 @@ class KT_API KTProperty {
   // A fresh array with a copy of `str`, the caller's to delete. Throws KTAssertionException for a null.
   static char* copy(const char* str);
   // Replaces the value. Throws KTAssertionException for a null, and then keeps the old one.
-  void setValue(const char* value);
+  void setValue(const char* newValue);
   // The stored texts: the pair's own, valid until it changes or dies.
   const char* getName() const;
   const char* getValue() const;
 
-  OwnedChars m_name;
-  OwnedChars m_value;
+  char* name = nullptr;  // both owned, from array new
+  char* value = nullptr;
+
+ private:
+  KTProperty();
 };
 
 class KT_API KTProperties {

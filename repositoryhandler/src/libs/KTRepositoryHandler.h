@@ -26,7 +26,6 @@
 #include "KTApi.h"
 #include "KTDirtyFlagHandler.h"
 #include "KTMountPointHandler.h"
-#include "KTOwned.h"
 #include "ResourceEntry.h"
 
 // Status bits of a repository, beside the mount bits 0x01 to 0x10, which stand here when every present mount
@@ -197,11 +196,11 @@ class KT_API KTRepositoryHandler {
 
   std::string lockNameOf(const std::string& resource) const;
   bool takeResourceLock(KTSemaphore& semaphore) const;
-  OwnedChars locate(const char* resource, int* result, bool touch);
-  OwnedChars importFromLegacy(const char* resource, bool touch);
-  OwnedChars locateOnMounts(const char* resource, int* result, bool touch);
+  char* locate(const char* resource, int* result, bool touch);
+  char* importFromLegacy(const char* resource, bool touch);
+  char* locateOnMounts(const char* resource, int* result, bool touch);
   char* create(const char* resource, int* result, bool noDirtyMark, MountCreation creation);
-  OwnedChars createUnderLock(const char* resource, int* result, bool noDirtyMark, MountCreation creation);
+  char* createUnderLock(const char* resource, int* result, bool noDirtyMark, MountCreation creation);
   int removeEverywhere(const char* resource);
   std::list<std::string> allResources(int typeFilter);
 

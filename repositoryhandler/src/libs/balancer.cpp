@@ -136,16 +136,16 @@ bool KTRepositoryHandler::relieveOnce(KTMountPointHandler* mount, bool verbose, 
   sayFormatted(verbose, "Move limit: %d Clean limit: %d\n", mount->moveLimit, mount->cleanLimit);
   sayFormatted(verbose, "GlobalOldResources: %d\n", found);
   if (!deleteOldest(mount, oldest, verbose, progress)) return false;
-  if (!(mount->status & MOUNT_MOVE) || (status & REPOSITORY_NOSPACE)) return true;
+  if (!(mount->status & MOUNT_MOVE)) return true;
   rh_logger.debugLog("Trying to move instead of cleaning first...");
   return moveOldest(mount, verbose, progress);
 }
 
-// Deletes while the repository has no room, batch after batch. False when nothing is left that can be deleted.
+// Deletes until the repository has room, batch after batch. False when nothing is left that can be deleted.
 bool KTRepositoryHandler::deleteOldest(const KTMountPointHandler* mount, Candidates& oldest, bool verbose,
                                        Progress& progress) {
   FruitlessRounds sweeps(progress, *mount);
-  while ((status & REPOSITORY_NOSPACE) && !oldest.empty()) {
+  while (status & REPOSITORY_NOSPACE) {
     for (const ResourceEntry& entry : oldest) {
       if (!(status & REPOSITORY_NOSPACE)) return true;
       if (deleteCandidate(mount, entry, verbose)) ++progress.relocated;

@@ -13,6 +13,7 @@
 #include "KTException.h"
 #include "KTOwned.h"
 #include "KTRepositoryHandler.h"
+#include "disklayout.h"
 #include "filestatus.h"
 #include "hashlayout.h"
 #include "librarylog.h"

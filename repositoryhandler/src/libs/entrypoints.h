@@ -15,6 +15,7 @@
 #include <string>
 
 #include "KTApi.h"
+#include "paths.h"  // release
 
 extern "C" {
 

@@ -12,6 +12,7 @@
 
 namespace {
 
+constexpr int kStatusFailed = 8;
 constexpr int kSpaceUnknown = 1;
 
 }  // namespace

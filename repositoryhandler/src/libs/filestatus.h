@@ -13,9 +13,6 @@
 
 #include "KTApi.h"
 
-// What myStat and myStatVfs answer when the system call failed.
-constexpr int kStatusFailed = 8;
-
 // True only for an object that positively is no symbolic link; a missing or unreachable path is not, nor is null.
 KT_API bool isNotLink(const char* path);
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "KTOwned.h"
+#include "disklayout.h"
 #include "hashtrace.h"
 #include "paths.h"
 

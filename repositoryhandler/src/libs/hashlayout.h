@@ -17,9 +17,6 @@ extern KT_API const unsigned int hashLength;
 // closes the process's syslog connection, which no other thread may use meanwhile.
 extern KT_API bool isDEBUGHASH;
 
-// Hashed levels above a resource.
-constexpr unsigned int kHashLevels = 3;
-
 // The three hashed levels of one path component and the component behind them: 2009 gives
 // FP/IA/L3/2009. Null gives null.
 KT_API char* createHash(const char* name);

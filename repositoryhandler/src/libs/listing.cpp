@@ -7,6 +7,7 @@
 
 #include "KTException.h"
 #include "KTOwned.h"
+#include "disklayout.h"
 #include "filestatus.h"
 #include "hashlayout.h"
 #include "paths.h"
@@ -78,7 +79,7 @@ long getSize(const char* path, struct stat* status) {
   KT_ASSERT(path);
   struct stat own;
   if (!status) {
-    if (myStat(path, &own) == kStatusFailed) return -1;
+    if (myStat(path, &own) != 0) return -1;
     status = &own;
   }
   const auto ownBlocks = static_cast<long>(status->st_blocks);

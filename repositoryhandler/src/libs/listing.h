@@ -13,9 +13,6 @@
 
 #include "KTApi.h"
 
-// The file system's own directory at the root of a disk; never part of a repository there.
-constexpr char kLostAndFound[] = "lost+found";
-
 // What a listing takes.
 enum ResourceTypeFilter {
   kAllResources = 0,

@@ -12,6 +12,7 @@
 #include "KTOwned.h"
 #include "KTRepositoryHandler.h"
 #include "assertionsites.h"
+#include "disklayout.h"
 #include "filestatus.h"
 #include "hashlayout.h"
 #include "librarylog.h"
@@ -141,9 +142,9 @@ char* KTRepositoryHandler::getLocation(const char* resource, int* result, bool l
   OwnedChars location;
   if (lock) {
     KTSemaphore semaphore(lockNameOf(resource), true);
-    if (takeResourceLock(semaphore)) location = locate(resource, result, touch);
+    if (takeResourceLock(semaphore)) location.reset(locate(resource, result, touch));
   } else {
-    location = locate(resource, result, touch);
+    location.reset(locate(resource, result, touch));
   }
   return location.release();
 }
@@ -161,7 +162,7 @@ char* KTRepositoryHandler::create(const char* resource, int* result, bool noDirt
   OwnedChars location;
   {
     KTSemaphore semaphore(lockNameOf(resource), true);
-    if (takeResourceLock(semaphore)) location = createUnderLock(resource, result, noDirtyMark, creation);
+    if (takeResourceLock(semaphore)) location.reset(createUnderLock(resource, result, noDirtyMark, creation));
   }
   return location.release();
 }
@@ -171,7 +172,7 @@ int KTRepositoryHandler::removeResource(const char* resource) {
   KTSemaphore semaphore(lockNameOf(resource), true);
   if (!takeResourceLock(semaphore)) return kResourceNotLocked;
   if (dirtyFlagHandler.isDirty(resource)) {
-    const OwnedChars joined = locate(resource, nullptr, false);
+    const OwnedChars joined(locate(resource, nullptr, false));
     if (dirtyFlagHandler.isDirty(resource)) return kResourceDirty;
   }
   return removeEverywhere(resource);
@@ -238,14 +239,14 @@ bool KTRepositoryHandler::takeResourceLock(KTSemaphore& semaphore) const {
   return false;
 }
 
-OwnedChars KTRepositoryHandler::locate(const char* resource, int* result, bool touch) {
-  if (OwnedChars legacy = importFromLegacy(resource, touch)) return legacy;
+char* KTRepositoryHandler::locate(const char* resource, int* result, bool touch) {
+  if (char* legacy = importFromLegacy(resource, touch)) return legacy;
   return locateOnMounts(resource, result, touch);
 }
 
 // The legacy path when the resource is in the legacy directory and no mount may take it; otherwise null, and a
 // resource that was there is on a mount now, as far as it could be moved. A symbolic link stays where it is.
-OwnedChars KTRepositoryHandler::importFromLegacy(const char* resource, bool touch) {
+char* KTRepositoryHandler::importFromLegacy(const char* resource, bool touch) {
   if (legacyDir.empty() || !namesResource(resource)) return nullptr;
   const std::string legacy = legacyDir + "/" + resource;
   if (!exists(legacy.c_str()) || !isNotLink(legacy.c_str())) return nullptr;
@@ -253,14 +254,14 @@ OwnedChars KTRepositoryHandler::importFromLegacy(const char* resource, bool touc
   writeToLegacyLog(legacy.c_str());
   if (target < 0) {
     if (touch) setTimesToNow(legacy);
-    return OwnedChars(mystrdup(legacy.c_str()));
+    return mystrdup(legacy.c_str());
   }
   const OwnedChars location(mountPoints[static_cast<size_t>(target)]->createLocation(resource, nullptr));
   if (location) moveRes(legacy.c_str(), location.get());
   return nullptr;
 }
 
-OwnedChars KTRepositoryHandler::locateOnMounts(const char* resource, int* result, bool touch) {
+char* KTRepositoryHandler::locateOnMounts(const char* resource, int* result, bool touch) {
   bool dirty = dirtyFlagHandler.isDirty(resource) && namesResource(resource);
   bool someMountAway = false;
   OwnedChars found;
@@ -285,16 +286,16 @@ OwnedChars KTRepositoryHandler::locateOnMounts(const char* resource, int* result
     dirty = false;
   }
   report(result, !found ? kResourceNotFound : dirty ? kResourceDirty : kResourceFound);
-  return found;
+  return found.release();
 }
 
-OwnedChars KTRepositoryHandler::createUnderLock(const char* resource, int* result, bool noDirtyMark,
-                                                MountCreation creation) {
-  if (OwnedChars existing = locate(resource, result, false)) return existing;
+char* KTRepositoryHandler::createUnderLock(const char* resource, int* result, bool noDirtyMark,
+                                           MountCreation creation) {
+  if (char* existing = locate(resource, result, false)) return existing;
   // A copy may be on the mount that is away; the first look-up after its return joins the two.
   if ((status & REPOSITORY_INCOMPLETE) && !noDirtyMark) dirtyFlagHandler.setDirty(resource, true);
   const int target = getActualMountPoint();
-  if (target >= 0) return OwnedChars((mountPoints[static_cast<size_t>(target)]->*creation)(resource, result));
+  if (target >= 0) return (mountPoints[static_cast<size_t>(target)]->*creation)(resource, result);
   std::string text = "The repository " + quoted(id) + " is ";
   text += status & REPOSITORY_MISSING ? "missing" : "full";
   if (status & REPOSITORY_INCOMPLETE) text += " and incomplete";

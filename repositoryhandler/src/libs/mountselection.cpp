@@ -109,7 +109,6 @@ int KTRepositoryHandler::getActualMountPointForMove(KTMountPointHandler* source)
 
 int KTRepositoryHandler::getActualMountPointForLegacy() {
   checkRepositoryStatus();
-  if (status & REPOSITORY_FULL) return kNoMount;
   for (size_t i = 0; i < mountPoints.size(); ++i) {
     const KTMountPointHandler& mount = *mountPoints[i];
     if (mount.status & (MOUNT_MISSING | MOUNT_FULL)) continue;

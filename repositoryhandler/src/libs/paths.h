@@ -8,9 +8,6 @@
 
 #include "KTApi.h"
 
-// The mode of every directory that the system makes.
-constexpr unsigned long kDirectoryMode = 0755;
-
 // A fresh copy of `src`; null for null.
 KT_API char* mystrdup(const char* src);
 

@@ -12,6 +12,7 @@
 #include "KTException.h"
 #include "KTLinePieces.h"
 #include "KTOwned.h"
+#include "disklayout.h"
 #include "filestatus.h"
 #include "hashlayout.h"
 #include "librarylog.h"

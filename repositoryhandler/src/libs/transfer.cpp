@@ -12,6 +12,7 @@
 
 #include "KTOwned.h"
 #include "assertionsites.h"
+#include "disklayout.h"
 #include "filestatus.h"
 #include "hashlayout.h"
 #include "librarylog.h"
