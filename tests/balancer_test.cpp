@@ -598,6 +598,34 @@ TEST(BalancerTest, ChoosesTheTargetAnewAfterEachMove) {
   EXPECT_THAT(scene.resources(2), ElementsAre("b"));
 }
 
+TEST(BalancerTest, ChoosesTheTargetAnewAlsoAfterAMoveThatFailed) {
+  Scene scene({"d1", "d2", "d3"});
+  bool filled = false;
+  scene.used(0, 99.5);
+  scene.used(1, [&] { return filled ? 97.5 : 10.0; });
+  scene.used(2, 10);
+  scene.repository.place(0, "a", "content", kLongAgo);
+  scene.repository.place(0, "b", "content", kLongAgo + 1);
+  scene.shell.answer = [&](const std::string& command) {
+    if (!copies(command, "a") || std::exchange(filled, true)) return FakeShell::runReal(command);
+    return kCommandFailed;
+  };
+  scene.pass();
+  EXPECT_THAT(scene.resources(1), IsEmpty());
+  EXPECT_THAT(scene.resources(2), ElementsAre("a", "b")) << "a comes again in the next batch";
+}
+
+TEST(BalancerTest, DrainsAMountOntoMountZero) {
+  Scene scene({"d1", "d2"});
+  scene.used(0, 10);
+  scene.usedByResources(1, 97.5, 0.75);
+  scene.repository.place(1, "a", "content", kLongAgo);
+  scene.repository.place(1, "b", "content", kLongAgo);
+  scene.pass();
+  EXPECT_THAT(scene.resources(0), ElementsAre("a", "b"));
+  EXPECT_THAT(scene.resources(1), IsEmpty());
+}
+
 TEST(BalancerTest, StopsMovingWithoutAWordWhenNoMountCanTakeMore) {
   Scene scene({"d1", "d2", "d3"});
   scene.used(0, 99.5);
@@ -772,15 +800,15 @@ TEST(BalancerTest, PrintsNothingAboutConflictsAndFailuresWhenNotVerbose) {
   EXPECT_THAT(scene.resources(0), ElementsAre("a", "b"));
 }
 
-TEST(BalancerTest, MovesMoreThanOneBatchOfAHundred) {
-  constexpr int kResources = 103;
+TEST(BalancerTest, MovesBatchAfterBatchOfAHundred) {
+  constexpr int kResources = 203;
   Scene scene({"d1", "d2"});
   scene.used(0, [&] { return isThere(scene.at(0, numbered("r", kResources - 1))) ? 99.0 : 97.5; });
   scene.used(1, 10);
   for (int i = 0; i < kResources; ++i) scene.repository.placeFile(0, numbered("r", i), "content", kLongAgo + i);
   scene.shell.answer = runInProcess;
   scene.handler();
-  EXPECT_THAT(locksBetweenListings(scene, [&] { scene.pass(false); }), ElementsAre(0, 100, 3));
+  EXPECT_THAT(locksBetweenListings(scene, [&] { scene.pass(false); }), ElementsAre(0, 100, 100, 3));
   EXPECT_THAT(scene.resources(0), IsEmpty());
   EXPECT_THAT(scene.resources(1), SizeIs(kResources));
 }
@@ -1463,6 +1491,42 @@ TEST(FreeMountTest, ChoosesTheTargetAnewAfterEachMove) {
   EXPECT_THAT(scene.resources(2), SizeIs(1));
 }
 
+TEST(FreeMountTest, ChoosesTheTargetAnewAlsoAfterAMoveThatFailed) {
+  Scene scene({"d1", "d2", "d3"});
+  bool filled = false;
+  scene.used(0, 50);
+  scene.used(1, [&] { return filled ? 97.5 : 10.0; });
+  scene.used(2, 10);
+  // In this order: a is BC/6J/AJ/a and abc is 1W/H6/HW/abc.
+  scene.repository.placeFile(0, "a", "content");
+  scene.repository.placeFile(0, "abc", "content");
+  scene.shell.answer = [&](const std::string& command) {
+    if (!copies(command, "a") || std::exchange(filled, true)) return FakeShell::runReal(command);
+    return kCommandFailed;
+  };
+  EXPECT_EQ(scene.handler().moveAllResourcesFromMount("d1"), 0);
+  EXPECT_THAT(scene.resources(1), IsEmpty());
+  EXPECT_THAT(scene.resources(2), ElementsAre("a", "abc")) << "a comes again in the next batch";
+}
+
+TEST(FreeMountTest, AnswersTwoWhenTheTargetFillsUpDuringAMoveThatFails) {
+  Scene scene({"d1", "d2"});
+  bool filled = false;
+  scene.used(0, 50);
+  scene.used(1, [&] { return filled ? 97.5 : 10.0; });
+  scene.repository.placeFile(0, "a", "content");
+  scene.repository.placeFile(0, "abc", "content");
+  scene.shell.answer = [&](const std::string& command) {
+    if (!copies(command, "a")) return FakeShell::runReal(command);
+    filled = true;
+    return kCommandFailed;
+  };
+  EXPECT_EQ(scene.handler().moveAllResourcesFromMount("d1"), 2);
+  EXPECT_THAT(scene.resources(0), ElementsAre("a", "abc"));
+  EXPECT_THAT(scene.resources(1), IsEmpty());
+  EXPECT_EQ(lastOf(scene.logged()), "D Nospaceleft? EmptyMount couldn't move");
+}
+
 TEST(FreeMountTest, AnswersThreeWhenNothingCouldBeMoved) {
   Scene scene({"d1", "d2"});
   scene.used(0, 50);
@@ -1581,8 +1645,8 @@ TEST(FreeMountTest, AnswersThreeWhenTheMountGoesAwayBeforeAnyMove) {
   EXPECT_THAT(scene.logged(), ElementsAre("E " + notLocked(scene, "a"), "D Not all resources could be moved"));
 }
 
-TEST(FreeMountTest, MovesMoreThanOneBatchOfAThousand) {
-  constexpr int kResources = 1002;
+TEST(FreeMountTest, MovesBatchAfterBatchOfAThousand) {
+  constexpr int kResources = 2002;
   Scene scene({"d1", "d2"});
   scene.used(0, 50);
   scene.used(1, 10);
@@ -1590,7 +1654,7 @@ TEST(FreeMountTest, MovesMoreThanOneBatchOfAThousand) {
   scene.shell.answer = runInProcess;
   scene.handler();
   const auto moveAll = [&] { EXPECT_EQ(scene.handler().moveAllResourcesFromMount("d1"), 0); };
-  EXPECT_THAT(locksBetweenListings(scene, moveAll), ElementsAre(0, 1000, 2, 0)) << "the last batch finds nothing";
+  EXPECT_THAT(locksBetweenListings(scene, moveAll), ElementsAre(0, 1000, 1000, 2, 0)) << "the last batch finds nothing";
   EXPECT_THAT(scene.resources(0), IsEmpty());
   EXPECT_THAT(scene.resources(1), SizeIs(kResources));
 }
@@ -1644,7 +1708,7 @@ TEST(MakeEmptyTest, LeavesWhatIsOnAMountThatStaysMissing) {
   EXPECT_THAT(scene.resources(1), ElementsAre("b"));
 }
 
-TEST(MakeEmptyTest, ClearsTheDirtySetFirst) {
+TEST(MakeEmptyTest, ClearsTheDirtySetBeforeItRemoves) {
   Scene scene({"d1", "d2"});
   scene.used(0, 10);
   scene.used(1, 10);
@@ -1656,6 +1720,24 @@ TEST(MakeEmptyTest, ClearsTheDirtySetFirst) {
   EXPECT_EQ(scene.repository.dirtySet(), "");
   EXPECT_THAT(scene.resources(0), IsEmpty()) << "a dirty one whose copies cannot be joined would have stayed";
   EXPECT_THAT(scene.resources(1), IsEmpty());
+}
+
+TEST(MakeEmptyTest, ClearsTheDirtySetBeforeItGivesMountsBack) {
+  Scene scene({"d1", "d2"});
+  scene.used(0, 10);
+  scene.used(1, 10);
+  scene.repository.takeOut(1);
+  scene.handler();
+  const std::string clears = "fopen " + scene.repository.path() + "/.dirty";
+  const std::string givesBack = "rename " + scene.repository.mount(1);
+  Lines calls;
+  {
+    CallWatch watch;
+    scene.handler().makeEmpty();
+    calls = watch.calls;
+  }
+  std::erase_if(calls, [&](const std::string& call) { return call != clears && !call.starts_with(givesBack); });
+  EXPECT_THAT(calls, ElementsAre(clears, StartsWith(givesBack)));
 }
 
 TEST(MakeEmptyTest, RemovesLegacyResourcesFilesAndDirectories) {
@@ -1751,6 +1833,19 @@ TEST(BalancerExceptionTest, GivesTheRepositoryBackWhenAResourceCannotBeUnlocked)
   EXPECT_THROW(scene.pass(false), KTIOException);
   EXPECT_THAT(scene.repository.locksLeft(), ElementsAre("semaphore_" + lock));
   EXPECT_THAT(scene.resources(1), ElementsAre("a")) << "the move was done";
+}
+
+TEST(BalancerExceptionTest, LogsATouchedResourceOnlyOnceItIsUnlocked) {
+  Scene scene({"d1"}, "isClearable=true\n");
+  scene.used(0, 99.5);
+  scene.repository.place(0, "a", "content", kLongAgo);
+  scene.handler();
+  scene.whileWaitingFor("a", [&] { setTimes(scene.at(0, "a"), scene.clock.now); });
+  const FailingCall stuck("unlink", EACCES, scene.repository.lockName("a"));
+  EXPECT_THROW(scene.pass(false), KTIOException);
+  EXPECT_GE(stuck.failed(), 1);
+  EXPECT_THAT(scene.logged(), Not(Contains("D Resource touched:" + scene.at(0, "a"))));
+  EXPECT_THAT(scene.resources(0), ElementsAre("a"));
 }
 
 TEST(BalancerExceptionTest, TellsThatTheRepositoryCouldNotBeUnlockedAfterAllIsDone) {
