@@ -169,6 +169,16 @@ TEST(MyStatTest, NamesEveryErrorByItsByte) {
   }
 }
 
+TEST(MyStatTest, TheByteOfErrorThirtySevenLeavesTheFormatUnfinished) {
+  static_assert(ENOLCK == '%');
+  const FakeSyslog log;
+  const FailingCall failing("stat", ENOLCK, "/data/m1/resource");
+  struct stat status;
+  EXPECT_EQ(myStat("/data/m1/resource", &status), 8);
+  ASSERT_EQ(log.lines.size(), 1u);
+  EXPECT_EQ(log.lines[0].format, "The resource \"/data/m1/resource\" can not be stat-ed. Error code is %");
+}
+
 TEST(MyStatTest, FailsForADanglingLink) {
   const ScratchDirectory dir;
   makeLink(dir / "missing", dir / "link");

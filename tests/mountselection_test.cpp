@@ -392,6 +392,20 @@ TEST(MountSelectionTest, BalancingComparesTheSecondMeasurement) {
   EXPECT_EQ(bench.repository->getActualMountPoint(), 1);
 }
 
+TEST(MountSelectionTest, AMountWhoseSecondMeasurementFailsCountsAsTheLeastUsed) {
+  Bench bench(2);
+  bench.use({95, 96});
+  int calls = 0;
+  bench.disks.answerWith(bench.files.mount(1), [&](struct statvfs* out) {
+    *out = {};
+    out->f_blocks = 1000;
+    out->f_bavail = 40;
+    errno = EIO;
+    return ++calls == 1 ? 0 : -1;
+  });
+  EXPECT_EQ(bench.repository->getActualMountPoint(), 1);
+}
+
 TEST(LegacySelectionTest, AMountOnTheFileSystemOfTheLegacyDirectoryIsPreferred) {
   Bench bench(3);
   bench.repository->legacyDir = "/old";
