@@ -10,7 +10,8 @@
 //
 // Strings handed out are fresh char arrays that the caller frees with `release`. Every operation throws
 // KTAssertionException for a null resource, when the dirty set cannot be written, and when a copy that is being moved
-// vanishes; and KTIOException when a lock file cannot be removed at the end: the work is done then.
+// vanishes; and KTIOException when a lock file cannot be removed: the work is done then, or not yet begun when it was
+// the lock of the dirty set.
 
 #ifndef REPOSITORYHANDLER_KTREPOSITORYHANDLER_H
 #define REPOSITORYHANDLER_KTREPOSITORYHANDLER_H

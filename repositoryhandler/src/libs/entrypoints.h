@@ -68,9 +68,10 @@ KT_API int getRepositoryStatus_(const char* repository);
 // but a mount is away on which a copy may be; 2 copies that cannot be joined; 4 not found. Untouched when
 // the resource is not locked within 30 seconds, and when it stays in the legacy directory.
 KT_API char* getLocation_(const char* repository, const char* resource, int* status);
-// Where a resource lives or, for a new one, is to be made: the directories above it exist. *status as
-// getLocation_, and 8 with null when no mount can take it. That the last directory could not be made is not told: look
-// whether it exists.
+// Where a resource lives or, for a new one, is to be made: the directories above it exist. *status: 0 found or placed;
+// 1 found, but a mount is away on which a copy may be; 8 with null when no mount can take it; untouched when it is not
+// locked. Of copies that cannot be joined none is given, but a new place, with 0. That the last directory could not be
+// made is not told: look whether it exists.
 //   noDirtyMark  do not mark a resource that is made while a mount is away as one of which a copy may be there
 KT_API char* createLocation_(const char* repository, const char* resource, int* status, bool noDirtyMark);
 // The same, and the resource's directory is made.
