@@ -41,10 +41,10 @@ import java.util.function.Supplier;
  * <h2>Ids</h2>
  *
  * <p>Ids become parts of paths and, when a resource is moved or deleted, of shell commands, as they are: use letters,
- * digits, {@code .}, {@code _}, {@code -} and {@code +}. Letters of any alphabet are stored in UTF-8. A character beyond
- * U+FFFF (an emoji, say) is stored in the virtual machine's own form, under which only this class finds it again, so
- * avoid it. To open a path with letters beyond ASCII by {@link java.nio.file.Path}, run the virtual machine in a UTF-8
- * locale.
+ * digits, {@code .}, {@code _}, {@code -} and {@code +}. Letters of any alphabet are stored in UTF-8. A character
+ * beyond U+FFFF (an emoji, say) is stored in the virtual machine's own form, under which only this class finds it
+ * again, so avoid it. To open a path with letters beyond ASCII by {@link java.nio.file.Path}, run the virtual machine
+ * in a UTF-8 locale.
  */
 public class RepositoryHandler {
 
@@ -162,12 +162,13 @@ public class RepositoryHandler {
 
     /**
      * Where a resource lives or, for a new one, is to be made: the directories above it exist. {@link #status} tells
-     * more.
+     * more. Of copies that cannot be joined none is answered, but a new place: where that matters, ask {@link
+     * #checkResourceStatus} first.
      *
      * @param repository the root directory
      * @param resource the id
      * @param noDirtyMark do not mark a resource that is made while a disk is away as one of which a copy may be there
-     * @return the path, or empty: no disk can take it, its copies cannot be joined, or it is held by another process
+     * @return the path, or empty: no disk can take it, or it is held by another process
      * @throws UncheckedIOException when the repository cannot be used
      */
     public Optional<String> createLocation(String repository, String resource, boolean noDirtyMark) {
@@ -175,13 +176,14 @@ public class RepositoryHandler {
     }
 
     /**
-     * The directory of a resource, made when there is none. {@link #status} tells more. That the directory itself could
-     * not be made is not told: look whether it exists before you rely on it.
+     * The directory of a resource, made when there is none; for copies that cannot be joined as {@link
+     * #createLocation}. {@link #status} tells more. That the directory itself could not be made is not told: look
+     * whether it exists before you rely on it.
      *
      * @param repository the root directory
      * @param resource the id
      * @param noDirtyMark do not mark a resource that is made while a disk is away as one of which a copy may be there
-     * @return the path, or empty: no disk can take it, its copies cannot be joined, or it is held by another process
+     * @return the path, or empty: no disk can take it, or it is held by another process
      * @throws UncheckedIOException when the repository cannot be used
      */
     public Optional<String> createDirectory(String repository, String resource, boolean noDirtyMark) {
@@ -193,8 +195,9 @@ public class RepositoryHandler {
      *
      * @param repository the root directory
      * @param resource the id
-     * @return {@link #FOUND} when it is gone; {@link #DIRTY} when a disk is away on which a copy may be, and nothing was
-     *     deleted; {@link #NOT_FOUND}; {@link #NOT_CREATED} when not all of it could be deleted; {@link #NOT_LOCKED}
+     * @return {@link #FOUND} when it is gone; {@link #DIRTY} when a disk is away on which a copy may be, or copies
+     *     cannot be joined, and nothing was deleted; {@link #NOT_FOUND}; {@link #NOT_CREATED} when not all of it could
+     *     be deleted; {@link #NOT_LOCKED}
      * @throws UncheckedIOException when the repository cannot be used
      */
     public int removeResource(String repository, String resource) {
