@@ -77,7 +77,7 @@ class NativeCall {
 
 // Sets the int field "status" of `object`. An object without one gets the machine's NoSuchFieldError, pending.
 void setStatus(JNIEnv* env, jobject object, jint value) {
-  const jfieldID field = env->GetFieldID(env->GetObjectClass(object), "status", "I");
+  jfieldID field = env->GetFieldID(env->GetObjectClass(object), "status", "I");
   if (!field) return;
   env->SetIntField(object, field, value);
   if (!env->ExceptionCheck()) return;
@@ -94,7 +94,7 @@ jstring locationOf(JNIEnv* env, jobject object, jstring repository, jstring reso
   OwnedText path;
   if (!call.run(caught, [&](const char* root, const char* id) { path.reset(entry(root, id, &status)); }))
     return nullptr;
-  const jstring location = path ? env->NewStringUTF(path.get()) : nullptr;
+  jstring location = path ? env->NewStringUTF(path.get()) : nullptr;
   path.reset();
   if (env->ExceptionCheck()) return nullptr;
   setStatus(env, object, status);
@@ -124,7 +124,7 @@ class IdList {
 // Stores the rest of `list` in `array`; stops at an error, which is then pending.
 void fill(JNIEnv* env, jobjectArray array, IdList& list) {
   for (jsize index = 0; index < list.count; ++index) {
-    const jstring id = env->NewStringUTF(list.takeNext().get());
+    jstring id = env->NewStringUTF(list.takeNext().get());
     if (!id) return;
     env->SetObjectArrayElement(array, index, id);
     if (env->ExceptionCheck()) return;
@@ -133,11 +133,11 @@ void fill(JNIEnv* env, jobjectArray array, IdList& list) {
 }
 
 jobjectArray arrayOf(JNIEnv* env, IdList& list) {
-  const jclass stringClass = env->FindClass("java/lang/String");
+  jclass stringClass = env->FindClass("java/lang/String");
   if (!stringClass) return nullptr;
-  const jstring empty = env->NewStringUTF("");
+  jstring empty = env->NewStringUTF("");
   if (!empty) return nullptr;
-  const jobjectArray array = env->NewObjectArray(static_cast<jsize>(list.count), stringClass, empty);
+  jobjectArray array = env->NewObjectArray(static_cast<jsize>(list.count), stringClass, empty);
   if (array) fill(env, array, list);
   return env->ExceptionCheck() ? nullptr : array;
 }
@@ -176,7 +176,7 @@ JNIEXPORT jintArray JNICALL Java_corvanta_util_RepositoryHandler_getTimeProperti
       .run("An exception was caught in getTimeProperties_(%s, %s)",
            [&](const char* root, const char* id) { found = getTimeProperties_(root, id, &times) != 0; });
   if (!found) return nullptr;
-  const jintArray result = env->NewIntArray(kTimesLength);
+  jintArray result = env->NewIntArray(kTimesLength);
   if (!result) return nullptr;
   const jint seconds[kTimesLength] = {static_cast<jint>(times.actime), static_cast<jint>(times.modtime)};
   env->SetIntArrayRegion(result, 0, kTimesLength, seconds);
