@@ -37,8 +37,10 @@ install(FILES docs/repository.cfg.5 docs/repositorypart.cfg.5
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT program)
 install(FILES docs/libKTRepositoryHandler.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 
-# The guides lie to README.md as in the sources, so that the links between them hold.
-install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+# They lie to each other as in the sources, so that the links between them hold.
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+install(FILES examples/Documents.java examples/resources.cpp
+        DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT documentation)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
         FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
 

@@ -55,8 +55,9 @@ KT_API char* createToLegacy_(const char* repository, const char* resource);
 KT_API char** listDirs_(const char* repository, long* count, bool sort);
 KT_API char** listFiles_(const char* repository, long* count, bool sort);
 
-// Removes a resource. Returns 0; 1 when a mount is away on which a copy may be; 4 when there is none; 8 when
-// not all of it could be deleted; 16 when it is not locked within 30 seconds.
+// Removes a resource. Returns 0; 1, with nothing removed, when a mount is away on which a copy may be or when copies
+// cannot be joined; 4 when there is none; 8 when not all of it could be deleted; 16 when it is not locked within 30
+// seconds.
 KT_API int removeResource_(const char* repository, const char* resource);
 // Returns what getLocation_ stores in *status; 0 for a resource that stays in the legacy directory, 16 when the
 // resource is not locked within 30 seconds.
@@ -65,8 +66,8 @@ KT_API int checkResourceStatus_(const char* repository, const char* resource);
 KT_API int getRepositoryStatus_(const char* repository);
 
 // Where a resource lives, its times set to now, or null. *status, when status is not null: 0 found; 1 found,
-// but a mount is away on which a copy may be; 2 copies that cannot be joined; 4 not found. Untouched when
-// the resource is not locked within 30 seconds, and when it stays in the legacy directory.
+// but a mount is away on which a copy may be; 2 copies that cannot be joined; 4 not found; 8 joining copies failed.
+// Untouched when the resource is not locked within 30 seconds, and when it stays in the legacy directory.
 KT_API char* getLocation_(const char* repository, const char* resource, int* status);
 // Where a resource lives or, for a new one, is to be made: the directories above it exist. *status: 0 found or placed;
 // 1 found, but a mount is away on which a copy may be; 8 with null when no mount can take it; untouched when it is not

@@ -11,9 +11,7 @@
 
 #include <jni.h>
 
-#include <memory>
-#include <utility>
-
+#include "KTOwned.h"
 #include "entrypoints.h"
 #include "registry.h"
 
@@ -21,11 +19,6 @@ namespace {
 
 constexpr jint kCallFailed = -1;
 constexpr jsize kTimesLength = 2;  // access time, modification time: seconds since the epoch
-
-struct Releaser {
-  void operator()(char* text) const { release(text); }
-};
-using OwnedText = std::unique_ptr<char, Releaser>;
 
 // The bytes of one Java string, held for as long as the object lives.
 class StringBytes {
@@ -91,7 +84,7 @@ template <typename Entry>
 jstring locationOf(JNIEnv* env, jobject object, jstring repository, jstring resource, const char* caught, Entry entry) {
   const NativeCall call(env, repository, resource);
   int status = 0;
-  OwnedText path;
+  OwnedChars path;
   if (!call.run(caught, [&](const char* root, const char* id) { path.reset(entry(root, id, &status)); }))
     return nullptr;
   jstring location = path ? env->NewStringUTF(path.get()) : nullptr;
@@ -112,7 +105,7 @@ class IdList {
   IdList(const IdList&) = delete;
   IdList& operator=(const IdList&) = delete;
 
-  OwnedText takeNext() { return OwnedText(ids[next++]); }
+  OwnedChars takeNext() { return OwnedChars(ids[next++]); }
 
   char** ids = nullptr;
   long count = 0;

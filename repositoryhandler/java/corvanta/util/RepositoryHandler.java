@@ -62,7 +62,7 @@ public class RepositoryHandler {
     /** There is no such resource. */
     public static final int NOT_FOUND = 4;
 
-    /** No disk can take it; or not all of it could be deleted or moved. */
+    /** No disk can take it; or not all of it could be deleted, or moved to join copies. */
     public static final int NOT_CREATED = 8;
 
     /** Another process held the resource for 30 seconds. */
@@ -210,7 +210,8 @@ public class RepositoryHandler {
      *
      * @param repository the root directory
      * @param resource the id
-     * @return {@link #FOUND}, {@link #DIRTY}, {@link #CONFLICT}, {@link #NOT_FOUND} or {@link #NOT_LOCKED}
+     * @return {@link #FOUND}, {@link #DIRTY}, {@link #CONFLICT}, {@link #NOT_FOUND}, {@link #NOT_CREATED} when joining
+     *     copies failed, or {@link #NOT_LOCKED}
      * @throws UncheckedIOException when the repository cannot be used
      */
     public int checkResourceStatus(String repository, String resource) {
