@@ -12,11 +12,27 @@ check_needs() {
   done
 }
 
-# in_namespaces SCRIPT SCRATCH: runs "SCRIPT inside SCRATCH" with mounts, processes and network of its own. All ends
-# with it, or after five minutes.
+# The control groups of this process, in the trees where systemd makes its own.
+control_groups() {
+  local unified=/sys/fs/cgroup
+  [ "$(stat -fc %T "$unified")" = cgroup2fs ] || unified=/sys/fs/cgroup/unified
+  sed -n "s|^0::|$unified|p; s|^[0-9]*:name=systemd:|/sys/fs/cgroup/systemd|p" /proc/self/cgroup
+}
+
+# in_namespaces SCRIPT SCRATCH: runs "SCRIPT inside SCRATCH" with mounts, processes, network and control groups of its
+# own. All ends with it, or after five minutes.
 in_namespaces() {
-  timeout --kill-after=10 300 unshare --mount --pid --net --uts --ipc --cgroup --fork --kill-child \
-    --propagation private -- "$1" inside "$2"
+  local parent status=0
+  local -a groups
+  for parent in $(control_groups); do groups+=("$parent/trial.$$"); done
+  mkdir "${groups[@]}"
+  (
+    tee "${groups[@]/%//cgroup.procs}" >/dev/null <<<"$BASHPID"
+    exec timeout --kill-after=10 300 unshare --mount --pid --net --uts --ipc --cgroup --fork --kill-child \
+      --propagation private -- "$1" inside "$2"
+  ) || status=$?
+  find "${groups[@]}" -depth -type d -exec rmdir {} +
+  return $status
 }
 
 # mount_private_root DIRECTORY: the root is DIRECTORY/root, what was written to it is in DIRECTORY/upper; /run/trial has
