@@ -1,0 +1,46 @@
+// The repositories that benchmarks work on, below the directory that KT_BENCH_DIRECTORY names (else TMPDIR, else /tmp).
+// scripts/bench puts it on the file system to be measured. Nothing is logged.
+
+#ifndef BENCH_GROUND_H
+#define BENCH_GROUND_H
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "floors.h"
+
+// A repository of `mounts` empty mounts, removed at the end, and its lock directory.
+class Ground {
+ public:
+  explicit Ground(size_t mounts, const std::string& settings = "");
+  ~Ground();
+  Ground(const Ground&) = delete;
+  Ground& operator=(const Ground&) = delete;
+
+  // The one of that many mounts that all benchmarks of a program share; the one before it is removed.
+  static Ground& shared(size_t mounts);
+
+  const char* id() const { return root.c_str(); }
+  const std::string& mount(size_t index) const { return paths->mounts[index].path; }
+  const floors::Repository& repository() const { return *paths; }
+  // Makes a resource that is an empty directory.
+  void place(size_t mount, const std::string& resource) const;
+
+ private:
+  std::string directory;
+  std::string root;
+  std::unique_ptr<floors::Repository> paths;
+};
+
+// Seconds that `work` takes.
+template <typename Work>
+double secondsOf(const Work& work) {
+  const auto begin = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+#endif

@@ -1,0 +1,160 @@
+#include "pairs.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+namespace pairs {
+
+namespace {
+
+constexpr int kTurns = 7;
+constexpr int kAttempts = 3;
+constexpr double kSteadySpread = 0.10;  // of the floor's times around their median; beyond it the run is repeated
+constexpr double kSeconds = 0.1;        // of one measurement, where the number of iterations is free
+constexpr double kNanoseconds = 1e9;
+
+struct Options {
+  std::string json;
+  bool quick = false;
+};
+
+// Takes the time of the one benchmark that ran last.
+class Stopwatch : public benchmark::BenchmarkReporter {
+ public:
+  bool ReportContext(const Context&) override { return true; }
+  void ReportRuns(const std::vector<Run>& runs) override {
+    seconds = runs.back().real_accumulated_time / static_cast<double>(runs.back().iterations);
+    failure = runs.back().error_occurred ? runs.back().error_message : "";
+  }
+
+  double seconds = 0;
+  std::string failure;
+};
+
+// What came out of the turns of one shape.
+struct Result {
+  double ratio = 0;   // median of the ratios of the turns
+  double lowest = 0;  // of these ratios
+  double highest = 0;
+  double seconds = 0;  // medians, of one iteration
+  double floorSeconds = 0;
+  double spread = 0;  // of the floor
+  int attempts = 0;
+};
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const size_t middle = values.size() / 2;
+  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+std::string nameOf(const Pair& pair, const Shape& shape) {
+  std::string name = pair.operation;
+  for (size_t i = 0; i < shape.size(); ++i) name += " " + pair.arguments[i] + "=" + std::to_string(shape[i]);
+  return name;
+}
+
+// Runs a body under Google Benchmark, which decides on the number of iterations.
+double secondsOf(const Pair& pair, const Shape& shape, Body body, bool quick) {
+  benchmark::ClearRegisteredBenchmarks();
+  auto* registered = benchmark::RegisterBenchmark(nameOf(pair, shape).c_str(), body)->Args(shape);
+  pair.manual ? registered->UseManualTime() : registered->UseRealTime();
+  if (quick)
+    registered->Iterations(1);
+  else if (pair.iterations)
+    registered->Iterations(pair.iterations);
+  else
+    registered->MinTime(kSeconds);
+  Stopwatch stopwatch;
+  benchmark::RunSpecifiedBenchmarks(&stopwatch);
+  if (!stopwatch.failure.empty()) {
+    fprintf(stderr, "%s: %s\n", nameOf(pair, shape).c_str(), stopwatch.failure.c_str());
+    exit(1);
+  }
+  return stopwatch.seconds;
+}
+
+Result attempt(const Pair& pair, const Shape& shape, bool quick) {
+  std::vector<double> times, floors, ratios;
+  for (int turn = 0; turn < (quick ? 1 : kTurns); ++turn) {
+    floors.push_back(secondsOf(pair, shape, pair.floor, quick));
+    times.push_back(secondsOf(pair, shape, pair.body, quick));
+    ratios.push_back(times.back() / floors.back());
+  }
+  const auto [lowestFloor, highestFloor] = std::minmax_element(floors.begin(), floors.end());
+  const auto [lowest, highest] = std::minmax_element(ratios.begin(), ratios.end());
+  const double middle = median(floors);
+  return {median(ratios), *lowest, *highest, median(times), middle, (*highestFloor - *lowestFloor) / middle, 1};
+}
+
+// Repeats while the floor is unsteady, and keeps the steadiest attempt.
+Result measure(const Pair& pair, const Shape& shape, bool quick) {
+  Result best = attempt(pair, shape, quick);
+  for (int attempts = 2; attempts <= kAttempts && best.spread > kSteadySpread && !quick; ++attempts) {
+    printf("  %s: the floor spread by %.0f %%, once more\n", nameOf(pair, shape).c_str(), best.spread * 100);
+    Result next = attempt(pair, shape, quick);
+    if (next.spread < best.spread) best = next;
+    best.attempts = attempts;
+  }
+  return best;
+}
+
+const char* verdict(const Pair& pair, const Result& result) {
+  if (result.ratio <= pair.stretch) return "stretch";
+  return result.ratio <= pair.goal ? "goal" : "missed";
+}
+
+void print(const Pair& pair, const Shape& shape, const Result& result) {
+  printf("%-44s %6.3f [%.3f, %.3f]  %12.0f ns  floor %12.0f ns (spread %2.0f %%)  goal %.2f: %s\n",
+         nameOf(pair, shape).c_str(), result.ratio, result.lowest, result.highest, result.seconds * kNanoseconds,
+         result.floorSeconds * kNanoseconds, result.spread * 100, pair.goal, verdict(pair, result));
+  fflush(stdout);
+}
+
+void write(std::ostream& json, const Pair& pair, const Shape& shape, const Result& result) {
+  json << "{\"operation\": \"" << pair.operation << "\"";
+  for (size_t i = 0; i < shape.size(); ++i) json << ", \"" << pair.arguments[i] << "\": " << shape[i];
+  json << ", \"ratio\": " << result.ratio << ", \"lowest\": " << result.lowest << ", \"highest\": " << result.highest
+       << ", \"seconds\": " << result.seconds << ", \"floor_seconds\": " << result.floorSeconds
+       << ", \"floor_spread\": " << result.spread << ", \"attempts\": " << result.attempts
+       << ", \"goal\": " << pair.goal << ", \"stretch\": " << pair.stretch << "}\n";
+}
+
+bool parse(int count, char** arguments, Options& options) {
+  for (int i = 1; i < count; ++i) {
+    if (strcmp(arguments[i], "--quick") == 0)
+      options.quick = true;
+    else if (strcmp(arguments[i], "--json") == 0 && i + 1 < count)
+      options.json = arguments[++i];
+    else
+      return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int run(int count, char** arguments, const std::vector<Pair>& all) {
+  Options options;
+  if (!parse(count, arguments, options)) {
+    fprintf(stderr, "Usage: %s [--quick] [--json FILE]\n", arguments[0]);
+    return 2;
+  }
+#ifndef __OPTIMIZE__
+  printf("built without optimisation: these figures say nothing\n");
+#endif
+  std::ofstream json;
+  if (!options.json.empty()) json.open(options.json);
+  for (const Pair& pair : all) {
+    for (const Shape& shape : pair.shapes) {
+      const Result result = measure(pair, shape, options.quick);
+      print(pair, shape, result);
+      if (json.is_open()) write(json, pair, shape, result);
+    }
+  }
+  return 0;
+}
+
+}  // namespace pairs

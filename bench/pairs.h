@@ -1,0 +1,37 @@
+// Benchmarks in pairs: an operation and its floor, measured in turns in one run, so that what disturbs the machine
+// disturbs both. What counts is the ratio of the two, not the time.
+
+#ifndef BENCH_PAIRS_H
+#define BENCH_PAIRS_H
+
+#include <benchmark/benchmark.h>
+
+#include <string>
+#include <vector>
+
+namespace pairs {
+
+using Body = void (*)(benchmark::State&);
+using Shape = std::vector<int64_t>;  // the arguments of one measurement
+
+struct Pair {
+  std::string operation;
+  std::vector<std::string> arguments;  // their names
+  std::vector<Shape> shapes;
+  Body body;
+  Body floor;
+  double goal;             // operation / floor, at most
+  double stretch;          // what we would like
+  bool manual = false;     // the bodies take the time themselves, of a part of what they do
+  int64_t iterations = 0;  // of one measurement; 0: as many as fill its time
+};
+
+// The main function of a benchmark program: measures all shapes of all pairs and prints a row for each.
+//   --json FILE   also writes the rows there
+//   --quick       one short turn each, to see that it runs; its ratios mean nothing
+// Returns 0, or 2 for other arguments. A goal that is missed is told, and no failure: machines differ.
+int run(int count, char** arguments, const std::vector<Pair>& all);
+
+}  // namespace pairs
+
+#endif
