@@ -8,7 +8,10 @@
 #include <utime.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <list>
 
+#include "disklayout.h"
 #include "hashlayout.h"
 #include "listing.h"
 #include "paths.h"
@@ -74,6 +77,18 @@ void readDirectory(const std::string& path) {
   closedir(directory);
 }
 
+// A directory is closed after all that is below it.
+template <typename PerName>
+void visit(const Tree& tree, const PerName& perName) {
+  DIR* directory = opendir(tree.path.c_str());
+  while (readdir(directory)) continue;
+  for (const Tree& entry : tree.entries) {
+    perName(entry.path);
+    if (entry.isRead) visit(entry, perName);
+  }
+  closedir(directory);
+}
+
 }  // namespace
 
 Repository::Repository(const std::string& where, const std::vector<std::string>& mountPaths)
@@ -95,6 +110,20 @@ Resource::Resource(const Repository& repository, const std::string& id) : lock(l
     for (size_t slash = place.find('/', 1); slash != std::string::npos; slash = place.find('/', slash + 1))
       ancestors.back().push_back(place.substr(0, slash));
   }
+}
+
+Tree::Tree(const std::string& where, unsigned int depth)
+    : path(where), isRead(depth <= kHashLevels && std::filesystem::is_directory(where)) {
+  if (!isRead) return;
+  std::list<std::string> found;
+  listDir(path.c_str(), found);
+  for (const std::string& name : found) entries.emplace_back(path + "/" + name, depth + 1);
+}
+
+size_t Tree::names() const {
+  size_t count = entries.size();
+  for (const Tree& entry : entries) count += entry.names();
+  return count;
 }
 
 void takeLock(const std::string& lock) { close(open(lock.c_str(), O_RDONLY | O_CREAT | O_EXCL, 0660)); }
@@ -174,6 +203,22 @@ void remove(const Repository& repository, const Resource& resource, size_t mount
     for (size_t level = 1; level <= 3; ++level) ::remove(above[above.size() - level].c_str());
   }
   releaseLock(resource.lock);
+}
+
+void walk(const Repository& repository, size_t mount, const Tree& tree) {
+  look(repository.mounts[mount].config);
+  visit(tree, [&](const std::string& path) {
+    isDirty(repository);
+    examine(path);
+  });
+}
+
+void list(const Repository& repository, const std::vector<Tree>& trees) {
+  lookUpRepository(repository);
+  for (size_t mount = 0; mount < trees.size(); ++mount) {
+    look(repository.mounts[mount].config);
+    visit(trees[mount], examine);
+  }
 }
 
 }  // namespace floors

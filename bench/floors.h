@@ -37,6 +37,18 @@ struct Resource {
   std::vector<std::vector<std::string>> ancestors;  // of each place: all directories above it, the outermost first
 };
 
+// What a walk or a listing meets at a path of a mount: names in the library's order, down to the resources.
+struct Tree {
+  // `depth` is that of `path` below the mount: 0 for the mount itself.
+  explicit Tree(const std::string& path, unsigned int depth = 0);
+
+  size_t names() const;  // below it, at all depths
+
+  std::string path;
+  bool isRead;  // a directory above the resources
+  std::vector<Tree> entries;
+};
+
 void takeLock(const std::string& lock);
 void releaseLock(const std::string& lock);
 
@@ -47,6 +59,10 @@ void locate(const Repository& repository, const Resource& resource, size_t mount
 void createDirectory(const Repository& repository, const Resource& resource);
 // It is an empty directory on that mount, alone in its hash levels.
 void remove(const Repository& repository, const Resource& resource, size_t mountOfHit);
+// Nothing on the mount is dirty: one call, 4 for each name and 5 for each directory above the resources.
+void walk(const Repository& repository, size_t mount, const Tree& tree);
+// After the registry's look-up one call for each mount, one for each name and 5 for each directory above the resources.
+void list(const Repository& repository, const std::vector<Tree>& trees);
 
 }  // namespace floors
 

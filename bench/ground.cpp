@@ -1,12 +1,18 @@
 #include "ground.h"
 
 #include <syslog.h>
+#include <utime.h>
 
+#include <cinttypes>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <stdexcept>
+
+#include "registry.h"
 
 namespace fs = std::filesystem;
 
@@ -14,6 +20,9 @@ namespace fs = std::filesystem;
 extern "C" void vsyslog(int, const char*, va_list) {}
 
 namespace {
+
+constexpr time_t kLongAgo = 1000000000;  // seconds since the epoch
+constexpr uint64_t kSecondsPerYear = 365 * 24 * 60 * 60;
 
 std::string fromEnvironment(const char* name, const std::string& otherwise) {
   const char* value = getenv(name);
@@ -24,6 +33,12 @@ std::string makeDirectory() {
   std::string path = fromEnvironment("KT_BENCH_DIRECTORY", fromEnvironment("TMPDIR", "/tmp")) + "/ktbench-XXXXXX";
   if (!mkdtemp(path.data())) throw std::runtime_error("cannot make " + path);
   return path;
+}
+
+std::string inHexadecimal(uint64_t number) {
+  char digits[2 * sizeof number + 1];
+  snprintf(digits, sizeof digits, "%016" PRIx64, number);
+  return digits;
 }
 
 }  // namespace
@@ -57,6 +72,35 @@ Ground& Ground::shared(size_t mounts) {
   return *ground;
 }
 
-void Ground::place(size_t mount, const std::string& resource) const {
-  fs::create_directories(floors::Resource(*paths, resource).places[mount]);
+std::string Ground::place(size_t mount, const std::string& resource) const {
+  std::string path = floors::Resource(*paths, resource).places[mount];
+  fs::create_directories(path);
+  return path;
+}
+
+FilledGround::FilledGround(size_t resources, bool isHexadecimal)
+    : Ground(1), count(resources), hexadecimal(isHexadecimal) {
+  std::mt19937_64 random;  // its default seed
+  for (size_t i = 0; i < count; ++i) {
+    const std::string id = hexadecimal ? inHexadecimal(random()) : std::to_string(i);
+    const time_t used = kLongAgo + static_cast<time_t>(random() % kSecondsPerYear);
+    const utimbuf times = {used, used};
+    utime(place(0, id).c_str(), &times);
+  }
+}
+
+FilledGround& FilledGround::shared(size_t count, bool hexadecimal) {
+  static std::unique_ptr<FilledGround> ground;
+  if (!ground || ground->count != count || ground->hexadecimal != hexadecimal) {
+    ground.reset();
+    ground = std::make_unique<FilledGround>(count, hexadecimal);
+  }
+  return *ground;
+}
+
+KTMountPointHandler& FilledGround::mountPoint() const { return *getRepository(id())->mountPoints.front(); }
+
+const std::vector<floors::Tree>& FilledGround::trees() {
+  if (known.empty()) known.emplace_back(mount(0));
+  return known;
 }

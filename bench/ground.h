@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "KTRepositoryHandler.h"
 #include "floors.h"
 
 // A repository of `mounts` empty mounts, removed at the end, and its lock directory.
@@ -26,13 +27,31 @@ class Ground {
   const char* id() const { return root.c_str(); }
   const std::string& mount(size_t index) const { return paths->mounts[index].path; }
   const floors::Repository& repository() const { return *paths; }
-  // Makes a resource that is an empty directory.
-  void place(size_t mount, const std::string& resource) const;
+  // Makes a resource that is an empty directory, and returns its path.
+  std::string place(size_t mount, const std::string& resource) const;
 
  private:
   std::string directory;
   std::string root;
   std::unique_ptr<floors::Repository> paths;
+};
+
+// A repository of one mount with `count` empty directories as resources, last used long ago, at times by chance. Their
+// ids are the decimal numbers from 0, or 16 hexadecimal digits by chance; the seed is fixed.
+class FilledGround : public Ground {
+ public:
+  FilledGround(size_t count, bool hexadecimal);
+
+  // The one that all benchmarks of a program share; the one before it is removed when it differs.
+  static FilledGround& shared(size_t count, bool hexadecimal);
+
+  KTMountPointHandler& mountPoint() const;
+  const std::vector<floors::Tree>& trees();  // of all mounts; read when first asked for
+
+ private:
+  const size_t count;
+  const bool hexadecimal;
+  std::vector<floors::Tree> known;
 };
 
 // Seconds that `work` takes.

@@ -15,11 +15,6 @@ constexpr double kSteadySpread = 0.10;  // of the floor's times around their med
 constexpr double kSeconds = 0.1;        // of one measurement, where the number of iterations is free
 constexpr double kNanoseconds = 1e9;
 
-struct Options {
-  std::string json;
-  bool quick = false;
-};
-
 // Takes the time of the one benchmark that ran last.
 class Stopwatch : public benchmark::BenchmarkReporter {
  public:
@@ -122,29 +117,28 @@ void write(std::ostream& json, const Pair& pair, const Shape& shape, const Resul
        << ", \"goal\": " << pair.goal << ", \"stretch\": " << pair.stretch << "}\n";
 }
 
-bool parse(int count, char** arguments, Options& options) {
-  for (int i = 1; i < count; ++i) {
-    if (strcmp(arguments[i], "--quick") == 0)
-      options.quick = true;
-    else if (strcmp(arguments[i], "--json") == 0 && i + 1 < count)
-      options.json = arguments[++i];
-    else
-      return false;
-  }
-  return true;
-}
-
 }  // namespace
 
-int run(int count, char** arguments, const std::vector<Pair>& all) {
-  Options options;
-  if (!parse(count, arguments, options)) {
-    fprintf(stderr, "Usage: %s [--quick] [--json FILE]\n", arguments[0]);
-    return 2;
+bool parse(int count, char** arguments, Options& options) {
+  for (int i = 1; i < count; ++i) {
+    if (strcmp(arguments[i], "--quick") == 0) {
+      options.quick = true;
+    } else if (strcmp(arguments[i], "--json") == 0 && i + 1 < count) {
+      options.json = arguments[++i];
+    } else {
+      fprintf(stderr, "Usage: %s [--quick] [--json FILE]\n", arguments[0]);
+      return false;
+    }
   }
 #ifndef __OPTIMIZE__
   printf("built without optimisation: these figures say nothing\n");
 #endif
+  return true;
+}
+
+int run(int count, char** arguments, const std::vector<Pair>& all) {
+  Options options;
+  if (!parse(count, arguments, options)) return 2;
   std::ofstream json;
   if (!options.json.empty()) json.open(options.json);
   for (const Pair& pair : all) {

@@ -26,6 +26,15 @@ struct Pair {
   int64_t iterations = 0;  // of one measurement; 0: as many as fill its time
 };
 
+// What a benchmark program is asked for.
+struct Options {
+  std::string json;    // where the rows go as well; empty: nowhere
+  bool quick = false;  // only see that it runs
+};
+
+// Returns false, and tells the usage, for arguments that are none of a benchmark program's.
+bool parse(int count, char** arguments, Options& options);
+
 // The main function of a benchmark program: measures all shapes of all pairs and prints a row for each.
 //   --json FILE   also writes the rows there
 //   --quick       one short turn each, to see that it runs; its ratios mean nothing

@@ -211,7 +211,7 @@ std::string numbered(const std::string& prefix, int number) {
 // How many locks of resources "r..." `body` takes before the first listing of mount 0, and after each: the sizes of its
 // batches.
 std::vector<long> locksBetweenListings(const Scene& scene, const std::function<void()>& body) {
-  const std::string listing = "scandir " + scene.repository.mount(0);
+  const std::string listing = "opendir " + scene.repository.mount(0);
   const std::string lock = "open " + scene.repository.lockFile(scene.repository.lockName("r"));
   const CallWatch watch;
   body();

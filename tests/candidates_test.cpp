@@ -286,7 +286,7 @@ TEST_F(CandidatesTest, TheRandomWalkStopsWhenTheSetHoldsItsMaximum) {
 
 TEST_F(CandidatesTest, AMaximumOfZeroListsNothing) {
   leaf("a", 1000);
-  const FailingCall unlisted("scandir", EIO);
+  const FailingCall unlisted("opendir", EIO);
   CallWatch watch;
   EXPECT_THAT(oldest(0), IsEmpty());
   EXPECT_THAT(random(0), IsEmpty());
@@ -305,7 +305,7 @@ TEST_F(CandidatesTest, AMaximumOfZeroAnswersZeroWhateverTheSetHolds) {
 TEST_F(CandidatesTest, AMissingMountIsNotListed) {
   leaf("a", 1000);
   files.takeOut(0);
-  const FailingCall unlisted("scandir", EIO);
+  const FailingCall unlisted("opendir", EIO);
   Candidates found;
   EXPECT_EQ(mount(0).getOldestResources(&found, kPlenty, "", 0), -1);
   EXPECT_EQ(mount(0).getRandomResources(&found, kPlenty, "", 0), -1);
@@ -324,7 +324,7 @@ TEST_F(CandidatesTest, AMountThatIsPresentIsNotAskedForItsSpace) {
 
 TEST_F(CandidatesTest, AMountThatCannotBeListedHasNoCandidates) {
   leaf("a", 1000);
-  const FailingCall unlisted("scandir", EIO);
+  const FailingCall unlisted("opendir", EIO);
   EXPECT_THAT(oldest(), IsEmpty());
   EXPECT_THAT(random(), IsEmpty());
   EXPECT_EQ(unlisted.failed(), 2);
@@ -334,8 +334,37 @@ TEST_F(CandidatesTest, ADirectoryThatCannotBeListedIsLeftOut) {
   leaf("a", 1000);
   writeFile(files.mount(0) + "/DD/EE/FF/g", "");
   setTimes(files.mount(0) + "/DD/EE/FF/g", 1000);
-  const FailingCall unlisted("scandir", EACCES, "/AA/BB");
+  const FailingCall unlisted("opendir", EACCES, "/AA/BB");
   expectBoth({"g"});
+}
+
+TEST_F(CandidatesTest, ADirectoryThatCannotBeReadToItsEndIsLeftOut) {
+  leaf("a", 1000);
+  leaf("b", 1000);
+  const FailingCall unread("readdir", EIO, kLevels, 3);
+  expectBoth({});
+  EXPECT_EQ(unread.failed(), 2);
+  EXPECT_THAT(log.texts(), IsEmpty());
+}
+
+TEST_F(CandidatesTest, NamesOfADirectoryComeInCollationOrder) {
+  for (const char* name : {"b", "a", "c"}) leaf(name, 1000);
+  const ReversedCollation reversed;
+  EXPECT_THAT(namesOf(random(2)), ElementsAre("c", "b"));
+}
+
+TEST_F(CandidatesTest, AWalkHoldsFourDescriptorsAndOneOfALockAndNoneAfterwards) {
+  leaf("a", 1000);
+  const long before = openDescriptors();
+  {
+    const DescriptorLimit limit(5);
+    expectBoth({"a"});
+  }
+  {
+    const DescriptorLimit limit(4);
+    expectBoth({});
+  }
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST_F(CandidatesTest, NothingOrNoPrefixFailsAnAssertion) {
@@ -372,7 +401,7 @@ TEST_F(CandidatesTest, FilesAtTheHashLevelsAreSkipped) {
   leaf("fourth", 1000);
   CallWatch watch;
   expectBoth({"fourth"});
-  EXPECT_THAT(watch.calls, Not(Contains("scandir " + files.mount(0) + "/first"))) << "and not opened";
+  EXPECT_THAT(watch.calls, Not(Contains("opendir " + files.mount(0) + "/first"))) << "and not opened";
 }
 
 TEST_F(CandidatesTest, FilesAndDirectoriesAreResourcesAndNothingInsideThem) {
@@ -382,7 +411,7 @@ TEST_F(CandidatesTest, FilesAndDirectoriesAreResourcesAndNothingInsideThem) {
   setTimes(directory, 1000);
   CallWatch watch;
   expectBoth({"directory", "file"});
-  EXPECT_THAT(watch.calls, Not(Contains(HasSubstr("scandir " + directory))));
+  EXPECT_THAT(watch.calls, Not(Contains(HasSubstr("opendir " + directory))));
 }
 
 TEST_F(CandidatesTest, NamesWithADotInFrontAreResourcesToo) {
@@ -725,7 +754,7 @@ TEST_F(GlobalCandidatesTest, AMountWhoseDiskCannotBeAskedIsLeftOut) {
 
 TEST_F(GlobalCandidatesTest, WithoutAPresentMountNothingIsListed) {
   for (size_t i = 0; i < 3; ++i) files.takeOut(i);
-  const FailingCall unlisted("scandir", EIO);
+  const FailingCall unlisted("opendir", EIO);
   EXPECT_EQ(gather(), 0);
   EXPECT_EQ(unlisted.failed(), 0);
   EXPECT_THAT(log.texts(), IsEmpty());

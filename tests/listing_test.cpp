@@ -115,7 +115,7 @@ TEST(ListDirTest, ADirectoryThatCannotBeReadAddsNothing) {
   EXPECT_EQ(listDir("", names), 1);
   EXPECT_EQ(listDir(std::string(100000, 'n').c_str(), names), 1);
   {
-    const FailingCall failing("scandir", EACCES, dir.path());
+    const FailingCall failing("opendir", EACCES, dir.path());
     EXPECT_EQ(listDir(dir.path().c_str(), names), 1);
     EXPECT_EQ(failing.failed(), 1);
   }
@@ -197,6 +197,13 @@ TEST(GetSizeTest, AMissingPathGivesMinusOneAndOneLine) {
   EXPECT_THAT(log.texts(LOG_ERR), ElementsAre(cannotBeStated(dir / "missing", ENOENT)));
 }
 
+TEST(ListDirTest, NamesComeInCollationOrder) {
+  const ScratchDirectory dir;
+  for (const char* name : {"b", "a", "c"}) writeFile(dir / name, "");
+  const ReversedCollation reversed;
+  EXPECT_EQ(namesIn(dir.path()), (Names{"c", "b", "a"}));
+}
+
 TEST(GetSizeTest, AnUnreadableChildEndsTheWalkWithMinusOne) {
   const ScratchDirectory dir;
   writeSettled(dir / "tree/a", "content");
@@ -222,7 +229,7 @@ TEST(GetSizeTest, ADanglingLinkEndsTheWalkWithMinusOne) {
 TEST(GetSizeTest, ADirectoryThatCannotBeListedCountsItself) {
   const ScratchDirectory dir;
   writeSettled(dir / "file", "content");
-  const FailingCall failing("scandir", EACCES);
+  const FailingCall failing("opendir", EACCES);
   EXPECT_EQ(sizeOf(dir.path()), blocksOf(dir.path()));
 }
 
@@ -306,7 +313,7 @@ TEST(ListResourcesRecursivelyTest, ListsNothingFromLostAndFoundAtTheRoot) {
   makeDirectories(dir / "lost+found/IA/L3/lost");
   const CallWatch watch;
   EXPECT_THAT(listed(dir.path(), kAllResources, true), IsEmpty());
-  EXPECT_THAT(pathsOf(watch, "scandir"), ElementsAre(dir.path()));
+  EXPECT_THAT(pathsOf(watch, "opendir"), ElementsAre(dir.path()));
   EXPECT_THAT(pathsOf(watch, "stat"), IsEmpty()) << "it is not even looked at";
 }
 
@@ -411,11 +418,43 @@ TEST(ListResourcesRecursivelyTest, ADirectoryThatCannotBeReadIsSkipped) {
   makeMount(dir);
   const FakeSyslog log;
   {
-    const FailingCall failing("scandir", EACCES, "/FP/IA");
+    const FailingCall failing("opendir", EACCES, "/FP/IA");
     EXPECT_THAT(listed(dir.path(), kAllResources, true), ElementsAre("a"));
     EXPECT_EQ(failing.failed(), 1);
   }
   EXPECT_THAT(log.events, IsEmpty());
+}
+
+TEST(ListResourcesRecursivelyTest, ADirectoryThatCannotBeReadToItsEndIsSkipped) {
+  const ScratchDirectory dir;
+  makeMount(dir);
+  const FakeSyslog log;
+  const FailingCall failing("readdir", EIO, "/FP/IA/L3/", 3, 1);
+  EXPECT_THAT(listed(dir.path(), kAllResources, true), ElementsAre("a"));
+  EXPECT_EQ(failing.failed(), 1);
+  EXPECT_THAT(log.events, IsEmpty());
+}
+
+TEST(ListResourcesRecursivelyTest, NamesOfADirectoryComeInCollationOrder) {
+  const ScratchDirectory dir;
+  makeMount(dir);
+  const ReversedCollation reversed;
+  EXPECT_THAT(listed(dir.path(), kAllResources, true), ElementsAre("file", "2009", "a"));
+}
+
+TEST(ListResourcesRecursivelyTest, HoldsFourDescriptorsAtMostAndNoneAfterwards) {
+  const ScratchDirectory dir;
+  makeMount(dir);
+  const long before = openDescriptors();
+  {
+    const DescriptorLimit limit(4);
+    EXPECT_THAT(listed(dir.path(), kAllResources, true), ElementsAre("a", "2009", "file"));
+  }
+  {
+    const DescriptorLimit limit(3);
+    EXPECT_THAT(listed(dir.path(), kAllResources, true), IsEmpty());
+  }
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST(ListResourcesRecursivelyTest, AMissingDirectoryAddsNothing) {
@@ -436,7 +475,7 @@ TEST(ListResourcesRecursivelyTest, ReadsEachDirectoryOnceAndLooksAtEachEntryOnce
   makeMount(dir);
   const CallWatch watch;
   listed(dir.path(), kAllResources, true);
-  EXPECT_THAT(pathsOf(watch, "scandir"), ElementsAre(dir.path(), dir / "BC", dir / "BC/6J", dir / "BC/6J/AJ",
+  EXPECT_THAT(pathsOf(watch, "opendir"), ElementsAre(dir.path(), dir / "BC", dir / "BC/6J", dir / "BC/6J/AJ",
                                                      dir / "FP", dir / "FP/IA", dir / "FP/IA/L3"));
   EXPECT_THAT(pathsOf(watch, "stat"),
               ElementsAre(dir / ".log", dir / "BC", dir / "BC/6J", dir / "BC/6J/AJ", dir / "BC/6J/AJ/a", dir / "FP",

@@ -275,11 +275,15 @@ TEST_P(SyscallsTest, WalkForCandidates) {
   EXPECT_EQ(calls.size(), m + 4 * contents.names + 5 * contents.directories);
 }
 
+floors::Repository pathsOf(const Ground& ground) {
+  std::vector<std::string> mounts;
+  for (size_t i = 0; i < ground.shape.m; ++i) mounts.push_back(ground.repository.mount(i));
+  return {ground.id, mounts};
+}
+
 // What a benchmark compares an operation with makes the same calls, in the same order.
 TEST_P(SyscallsTest, FloorsMakeTheSameCalls) {
-  std::vector<std::string> mounts;
-  for (size_t i = 0; i < m; ++i) mounts.push_back(ground.repository.mount(i));
-  const floors::Repository repository(id, mounts);
+  const floors::Repository repository = pathsOf(ground);
   const floors::Resource there(repository, "2009");
   time_t differs = 0;  // from process to process
   const auto expectSame = [&](
@@ -302,6 +306,39 @@ TEST_P(SyscallsTest, FloorsMakeTheSameCalls) {
   expectSame([&] { removeResource_(id, "old2"); }, [&] { floors::remove(repository, old, k - 1); });
   expectSame([&] { getRepository(id); }, [&] { floors::rebuildRepository(repository); },
              [&] { setTimes(repository.config, kLongAgo + differs); });
+}
+
+// The file calls of libc that `operation` makes, with their paths.
+Calls watched(const Operation& operation) {
+  const CallWatch watch;
+  operation();
+  return watch.calls;
+}
+
+TEST_P(SyscallsTest, FloorsOfWalksMakeTheSameCallsForTheSameNames) {
+  const Contents contents = fill(ground);
+  const floors::Repository repository = pathsOf(ground);
+  std::vector<floors::Tree> trees;
+  for (size_t i = 0; i < m; ++i) trees.emplace_back(ground.repository.mount(i));
+  const auto expectSame = [&](const Operation& operation, const Operation& floor) {
+    EXPECT_EQ(ground.of(operation), ground.of(floor));
+    getRepositoryStatus_(id);
+    const Calls calls = watched(operation);
+    EXPECT_GT(calls.size(), contents.names);
+    EXPECT_EQ(calls, watched(floor));
+  };
+  long count = 0;
+  expectSame([&] { taken(listDirs_(id, &count, false), count); }, [&] { floors::list(repository, trees); });
+  expectSame(
+      [&] {
+        for (KTMountPointHandler* mount : repositoryMap.at(id)->mountPoints) {
+          std::set<ResourceEntry, ltres> oldest;
+          mount->getOldestResources(&oldest, 100, "", 0);
+        }
+      },
+      [&] {
+        for (size_t i = 0; i < m; ++i) floors::walk(repository, i, trees[i]);
+      });
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, SyscallsTest, testing::ValuesIn(kShapes), [](const auto& given) {

@@ -504,7 +504,7 @@ TEST_F(MoveResTest, AnOriginThatCannotBeRemovedAfterItsEntriesIsLoggedAndGivesEi
 TEST_F(MoveResTest, AnOriginThatCannotBeListedKeepsItsEntries) {
   writeFile(from("a"), "a");
   makeDirectories(to());
-  const FailingCall unreadable("scandir", EACCES, from());
+  const FailingCall unreadable("opendir", EACCES, from());
   EXPECT_EQ(move(), 8);
   EXPECT_THAT(log.texts(), ElementsAre("The directory \"" + from() + "\" could not be removed. Error code is \x27"));
   EXPECT_THAT(treeOf(directory.path()), ElementsAre("from/", "from/a=a", "to/"));
@@ -651,7 +651,7 @@ TEST(TransferSweepTest, EachFileIsCompleteInOnePlaceWhicheverCommandOfAMoveFails
 }
 
 TEST(TransferSweepTest, EachFileIsCompleteInOnePlaceWhicheverFileCallOfAMoveFails) {
-  const std::vector<Sweep> sweeps = {{"stat", false},  {"stat", true},    {"scandir", true},
+  const std::vector<Sweep> sweeps = {{"stat", false},  {"stat", true},    {"opendir", true},
                                      {"rmdir", true},  {"utime", false},  {"utime", true},
                                      {"mkdir", false}, {"access", false}, {"access", true}};
   for (const Sweep& sweep : sweeps) {
@@ -679,7 +679,7 @@ TEST(TransferSweepTest, EachFileIsCompleteInOnePlaceWhicheverFileCallOfAMoveFail
 }
 
 TEST(TransferSweepTest, ADeletionThatFailsLeavesEachOtherFileWholeAndTheNextOneFinishes) {
-  for (const char* function : {"remove", "stat", "scandir", "access"}) {
+  for (const char* function : {"remove", "stat", "opendir", "access"}) {
     for (int round = 0;; ++round) {
       SCOPED_TRACE(function + std::string(" ") + std::to_string(round));
       ASSERT_LT(round, kRoundsAtMost);
@@ -773,7 +773,7 @@ TEST_F(DeleteResTest, StopsAtTheFirstEntryThatCannotBeRemoved) {
 
 TEST_F(DeleteResTest, ADirectoryThatCannotBeListedStaysWhole) {
   writeFile(from("a"), "a");
-  const FailingCall unreadable("scandir", EACCES, from());
+  const FailingCall unreadable("opendir", EACCES, from());
   EXPECT_EQ(erase(), 8);
   EXPECT_THAT(treeOf(from()), ElementsAre("a=a"));
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <string_view>
 
 #include "KTException.h"
 
@@ -92,4 +93,9 @@ void KTSemaphore::unlock() {
   locked = false;
 }
 
-std::string KTSemaphore::lockFile() const { return directory + "/semaphore_" + name; }
+std::string KTSemaphore::lockFile() const {
+  constexpr std::string_view kPrefix = "/semaphore_";
+  std::string path;
+  path.reserve(directory.size() + kPrefix.size() + name.size());
+  return path.append(directory).append(kPrefix).append(name);
+}

@@ -9,6 +9,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <string>
 
 #include "fakes/fakes.h"
 
@@ -20,6 +22,19 @@ std::vector<FailingCall*>& failing() {
 }
 
 CallWatch* watch = nullptr;
+bool collationIsReversed = false;
+
+// The directories that are open, by their descriptors.
+std::map<int, std::string>& openDirectories() {
+  static auto* directories = new std::map<int, std::string>;
+  return *directories;
+}
+
+// What a path relative to a descriptor names.
+std::string pathAt(int directory, const char* path) {
+  const auto opened = openDirectories().find(directory);
+  return opened == openDirectories().end() ? path : opened->second + "/" + path;
+}
 
 bool strikes(const char* function, const char* path) {
   CallWatch::note(function, path);
@@ -68,6 +83,9 @@ void CallWatch::noteLock(char sign, const char* path) {
   const char* name = path ? strstr(path, "/semaphore_") : nullptr;
   if (watch && name) watch->locks.push_back(sign + std::string(name + strlen("/semaphore_")));
 }
+
+ReversedCollation::ReversedCollation() { collationIsReversed = true; }
+ReversedCollation::~ReversedCollation() { collationIsReversed = false; }
 
 extern "C" {
 
@@ -148,12 +166,34 @@ int symlink(const char* target, const char* link) noexcept {
   return real(target, link);
 }
 
-int scandir(const char* path, dirent*** names, int (*filter)(const dirent*),
-            int (*compare)(const dirent**, const dirent**)) {
-  if (strikes("scandir", path)) return -1;
-  static const auto real =
-      realFunction<int (*)(const char*, dirent***, int (*)(const dirent*), int (*)(const dirent**, const dirent**))>(
-          "scandir");
-  return real(path, names, filter, compare);
+DIR* opendir(const char* path) {
+  if (strikes("opendir", path)) return nullptr;
+  static const auto real = realFunction<DIR* (*)(const char*)>("opendir");
+  DIR* directory = real(path);
+  if (directory) openDirectories()[dirfd(directory)] = path;
+  return directory;
+}
+
+dirent* readdir(DIR* directory) {
+  if (FailingCall::strikes("readdir", pathAt(dirfd(directory), "").c_str())) return nullptr;
+  static const auto real = realFunction<dirent* (*)(DIR*)>("readdir");
+  return real(directory);
+}
+
+int closedir(DIR* directory) {
+  openDirectories().erase(dirfd(directory));
+  static const auto real = realFunction<int (*)(DIR*)>("closedir");
+  return real(directory);
+}
+
+int fstatat(int directory, const char* path, struct stat* out, int flags) noexcept {
+  if (strikes("stat", pathAt(directory, path).c_str())) return -1;
+  static const auto real = realFunction<int (*)(int, const char*, struct stat*, int)>("fstatat");
+  return real(directory, path, out, flags);
+}
+
+int strcoll(const char* a, const char* b) noexcept {
+  static const auto real = realFunction<int (*)(const char*, const char*)>("strcoll");
+  return collationIsReversed ? real(b, a) : real(a, b);
 }
 }

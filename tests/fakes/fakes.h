@@ -99,7 +99,8 @@ class FakeClock {
 
 // Makes a file call fail. While it lives, calls of `function` whose path contains `pathPart` return the failure
 // with `error` set, after `skip` such calls have passed, and for `times` calls (-1: all).
-// Functions: open unlink mkdir rmdir remove rename utime fopen stat access symlink scandir
+// Functions: open unlink mkdir rmdir remove rename utime fopen stat access symlink opendir readdir
+// "stat" is fstatat too, by the path that it names. readdir has the path of the directory, with a "/" behind it.
 class FailingCall {
  public:
   FailingCall(const std::string& function, int error, const std::string& pathPart = "", int skip = 0, int times = -1);
@@ -123,7 +124,7 @@ class FailingCall {
   int failures = 0;
 };
 
-// Records the file calls of the above functions and the creation and removal of lock files, in order.
+// Records the file calls of the above functions, but for readdir, and the creation and removal of lock files, in order.
 class CallWatch {
  public:
   CallWatch();
@@ -138,6 +139,15 @@ class CallWatch {
 
   static void note(const char* function, const char* path);
   static void noteLock(char sign, const char* path);
+};
+
+// Turns strcoll around: a machine may have no locale in which names come in another order than their bytes.
+class ReversedCollation {
+ public:
+  ReversedCollation();
+  ~ReversedCollation();
+  ReversedCollation(const ReversedCollation&) = delete;
+  ReversedCollation& operator=(const ReversedCollation&) = delete;
 };
 
 #endif

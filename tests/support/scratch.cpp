@@ -101,6 +101,16 @@ long openDescriptors() {
   return std::distance(begin(descriptors), end(descriptors));
 }
 
+DescriptorLimit::DescriptorLimit(int more) {
+  EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const int next = dup(STDIN_FILENO);
+  close(next);
+  const rlimit limit = {static_cast<rlim_t>(next + more), before.rlim_max};
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+}
+
+DescriptorLimit::~DescriptorLimit() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0); }
+
 CapturedOutput::CapturedOutput() {
   fflush(stdout);
   saved = dup(STDOUT_FILENO);

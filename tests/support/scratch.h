@@ -3,6 +3,8 @@
 #ifndef TESTS_SUPPORT_SCRATCH_H
 #define TESTS_SUPPORT_SCRATCH_H
 
+#include <sys/resource.h>
+
 #include <ctime>
 #include <optional>
 #include <string>
@@ -65,6 +67,18 @@ std::vector<std::string> treeOf(const std::string& path);
 
 // The descriptors that this process holds, and the one that counts them.
 long openDescriptors();
+
+// Lets this process open `more` descriptors, as long as this lives.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(int more);
+  ~DescriptorLimit();
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+ private:
+  rlimit before;
+};
 
 // What a function prints on standard output, through stdio or a child process.
 template <typename Body>

@@ -11,14 +11,21 @@
 #include "messages.h"
 #include "paths.h"
 
-KTDirtyFlagHandler::KTDirtyFlagHandler() = default;
+namespace {
+
+std::string lockNameOf(const std::string& setFile) { return OwnedChars(toResourceID(setFile.c_str(), "")).get(); }
+
+}  // namespace
+
+KTDirtyFlagHandler::KTDirtyFlagHandler() : lockName(lockNameOf("")) {}
 
 KTDirtyFlagHandler::~KTDirtyFlagHandler() = default;
 
 void KTDirtyFlagHandler::setRepository(const char* repository) {
   assertAt(kRepositoryGiven, repository != nullptr);
   setFile = std::string(repository) + "/.dirty";
-  KTSemaphore semaphore(lockName(), true);
+  lockName = lockNameOf(setFile);
+  KTSemaphore semaphore(lockName, true);
   if (!lockSet(semaphore) || !exists(setFile.c_str())) return;
   const OwnedFile f(fopen(setFile.c_str(), "rb"));
   assertAt(kDirtySetReadable, f != nullptr);
@@ -28,20 +35,20 @@ void KTDirtyFlagHandler::setRepository(const char* repository) {
 
 bool KTDirtyFlagHandler::isDirty(const char* id) {
   KT_ASSERT(id);
-  KTSemaphore semaphore(lockName(), true);
+  KTSemaphore semaphore(lockName, true);
   return !lockSet(semaphore) || dirtySet.count(id) > 0;
 }
 
 void KTDirtyFlagHandler::setDirty(const char* id, bool dirty) {
   KT_ASSERT(id);
-  KTSemaphore semaphore(lockName(), true);
+  KTSemaphore semaphore(lockName, true);
   if (!lockSet(semaphore)) return;
   const bool changed = dirty ? dirtySet.insert(id).second : dirtySet.erase(id) > 0;
   if (changed) writeSetFile();
 }
 
 void KTDirtyFlagHandler::clearDirtySet() {
-  KTSemaphore semaphore(lockName(), true);
+  KTSemaphore semaphore(lockName, true);
   if (!lockSet(semaphore)) return;
   dirtySet.clear();
   writeSetFile();
@@ -59,5 +66,3 @@ bool KTDirtyFlagHandler::lockSet(KTSemaphore& semaphore) const {
   rh_logger.errorLog(("The dirty mechanism " + quoted(setFile) + " could not be locked.").c_str());
   return false;
 }
-
-std::string KTDirtyFlagHandler::lockName() const { return OwnedChars(toResourceID(setFile.c_str(), "")).get(); }

@@ -45,7 +45,8 @@ class KT_API KTDirtyFlagHandler {
 
  private:
   bool lockSet(KTSemaphore& semaphore) const;
-  std::string lockName() const;
+
+  std::string lockName;  // of setFile; each name of a walk takes it
 };
 
 #endif

@@ -19,6 +19,7 @@
 #include "ResourceEntry.h"
 
 class KTRepositoryHandler;
+class SortedDirectory;
 
 // Status bits of a mount. The values reach the repository's status and its callers.
 enum MountStatus {
@@ -120,8 +121,8 @@ class KT_API KTMountPointHandler {
 
   int statusBits(float used) const;
   int collect(CandidateWalk& walk, const char* prefix, unsigned int depth);
-  void walkDirectory(CandidateWalk& walk, const std::string& prefix, unsigned int depth);
-  void walkEntry(CandidateWalk& walk, const std::string& prefix, const std::string& name, unsigned int depth);
+  void walkDirectory(CandidateWalk& walk, const std::string& path, unsigned int depth);
+  void walkEntry(CandidateWalk& walk, const SortedDirectory& directory, const std::string& name, unsigned int depth);
   std::string configFile() const;
 };
 

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <ctime>
 #include <iterator>
-#include <list>
 
 #include "KTException.h"
 #include "KTOwned.h"
@@ -17,7 +16,7 @@
 #include "filestatus.h"
 #include "hashlayout.h"
 #include "librarylog.h"
-#include "listing.h"
+#include "sorteddirectory.h"
 
 namespace {
 
@@ -43,7 +42,14 @@ class KTMountPointHandler::CandidateWalk {
 
   virtual void enterDirectory() {}
   virtual bool isDone() const { return false; }  // asked before each name
-  virtual void take(ResourceEntry& entry, struct stat& known) = 0;
+  // Whether it takes a resource of this status, with what time.
+  virtual bool wants(struct stat& known, time_t& lastAccessTime) const = 0;
+
+  // The newest makes room.
+  void take(const ResourceEntry& entry) {
+    found.insert(entry);
+    if (found.size() > max) found.erase(std::prev(found.end()));
+  }
 
   Candidates& found;
   const unsigned int max;
@@ -57,12 +63,10 @@ class KTMountPointHandler::OldestWalk : public CandidateWalk {
 
   void enterDirectory() override { cutoff = static_cast<int64_t>(time(nullptr)) - unused; }
 
-  void take(ResourceEntry& entry, struct stat& known) override {
-    entry.lastAccessTime = lastAccess(entry.path.c_str(), &known);
-    if (entry.lastAccessTime > cutoff) return;
-    if (found.size() >= max && entry.lastAccessTime > found.rbegin()->lastAccessTime) return;
-    found.insert(entry);
-    if (found.size() > max) found.erase(std::prev(found.end()));
+  bool wants(struct stat& known, time_t& lastAccessTime) const override {
+    lastAccessTime = lastAccess(nullptr, &known);
+    if (lastAccessTime > cutoff) return false;
+    return found.size() < max || lastAccessTime <= found.rbegin()->lastAccessTime;
   }
 
  private:
@@ -75,7 +79,7 @@ class KTMountPointHandler::RandomWalk : public CandidateWalk {
  public:
   using CandidateWalk::CandidateWalk;
   bool isDone() const override { return found.size() >= max; }
-  void take(ResourceEntry& entry, struct stat&) override { found.insert(entry); }
+  bool wants(struct stat&, time_t&) const override { return true; }
 };
 
 int KTMountPointHandler::getOldestResources(std::set<ResourceEntry, ltres>* result, unsigned int max,
@@ -96,39 +100,36 @@ int KTMountPointHandler::collect(CandidateWalk& walk, const char* prefix, unsign
   KT_ASSERT(prefix);
   if (walk.max == 0) return 0;
   if (depth == 0 && (checkStatus(true) & MOUNT_MISSING)) return kMountIsMissing;
-  walkDirectory(walk, prefix, depth);
+  walkDirectory(walk, mountPath + prefix, depth);
   return static_cast<int>(walk.found.size());
 }
 
-void KTMountPointHandler::walkDirectory(CandidateWalk& walk, const std::string& prefix, unsigned int depth) {
+void KTMountPointHandler::walkDirectory(CandidateWalk& walk, const std::string& path, unsigned int depth) {
   walk.enterDirectory();
-  std::list<std::string> names;
-  listDir((mountPath + prefix).c_str(), names);
-  for (const std::string& name : names) {
+  const SortedDirectory directory(path);
+  for (const std::string& name : directory.names) {
     if (walk.isDone()) return;
     if (depth == 0 && name == kLostAndFound) continue;
-    walkEntry(walk, prefix, name, depth);
+    walkEntry(walk, directory, name, depth);
   }
 }
 
-void KTMountPointHandler::walkEntry(CandidateWalk& walk, const std::string& prefix, const std::string& name,
+void KTMountPointHandler::walkEntry(CandidateWalk& walk, const SortedDirectory& directory, const std::string& name,
                                     unsigned int depth) {
   if (repository->dirtyFlagHandler.isDirty(name.c_str())) {
     const OwnedChars joined(repository->getLocation(name.c_str(), nullptr, true, false));
     return;
   }
-  const std::string relative = prefix + "/" + name;
-  const std::string full = mountPath + relative;
   struct stat known;
-  if (myStat(full.c_str(), &known) != 0) return;
-  bool isDirectory = false;
-  isDir(full.c_str(), &isDirectory, &known);
+  if (directory.examine(name, &known) != 0) return;
   if (depth < kHashLevels) {
-    if (isDirectory) walkDirectory(walk, relative, depth + 1);
+    if (S_ISDIR(known.st_mode)) walkDirectory(walk, directory.pathOf(name), depth + 1);
     return;
   }
-  ResourceEntry entry{full, relative, name, 0};
-  walk.take(entry, known);
+  time_t lastAccessTime = 0;
+  if (!walk.wants(known, lastAccessTime)) return;
+  const std::string full = directory.pathOf(name);
+  walk.take({full, full.substr(mountPath.size()), name, lastAccessTime});
 }
 
 int KTRepositoryHandler::getGlobalOldestResources(std::set<ResourceEntry, ltres>* result) {

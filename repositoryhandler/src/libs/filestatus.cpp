@@ -25,7 +25,10 @@ bool isNotLink(const char* path) {
 int myStat(const char* resource, struct stat* resStat) {
   KT_ASSERT(resource);
   KT_ASSERT(resStat);
-  if (stat(resource, resStat) == 0) return 0;
+  return stat(resource, resStat) == 0 ? 0 : statFailed(resource);
+}
+
+int statFailed(const char* resource) {
   const int failure = errno;
   const std::string text = "The resource " + quoted(resource) + " can not be stat-ed. Error code is ";
   rh_logger.errorLog(withErrorMark(text, failure).c_str());

@@ -20,6 +20,9 @@ KT_API bool isNotLink(const char* path);
 // KTAssertionException for a null.
 KT_API int myStat(const char* resource, struct stat* resStat);
 
+// What myStat does after a stat of `resource` that failed: logs the errno of that call, and returns 8.
+KT_LOCAL int statFailed(const char* resource);
+
 // Stores in *isDirectory whether `path` is a directory, links followed. With `known`, a status of the path,
 // the file system is not asked. Returns 0, or 8 when the path cannot be examined (logged); the flag is then
 // left as it was. Throws KTAssertionException for a null isDirectory, or a null path without `known`.

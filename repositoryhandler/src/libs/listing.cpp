@@ -1,9 +1,8 @@
 #include "listing.h"
 
-#include <dirent.h>
-
 #include <algorithm>
-#include <cstring>
+#include <iterator>
+#include <utility>
 
 #include "KTException.h"
 #include "KTOwned.h"
@@ -11,60 +10,44 @@
 #include "filestatus.h"
 #include "hashlayout.h"
 #include "paths.h"
+#include "sorteddirectory.h"
 
 namespace {
-
-// What scandir hands out: an array of entries, all from malloc.
-class DirectoryEntries {
- public:
-  explicit DirectoryEntries(const char* directory)
-      : count(directory ? scandir(directory, &entries, nullptr, alphasort) : -1) {}
-  ~DirectoryEntries() {
-    for (int i = 0; i < count; ++i) free(entries[i]);
-    if (count >= 0) free(entries);
-  }
-  DirectoryEntries(const DirectoryEntries&) = delete;
-  DirectoryEntries& operator=(const DirectoryEntries&) = delete;
-
-  dirent* const* begin() const { return entries; }
-  dirent* const* end() const { return entries + std::max(count, 0); }
-
- private:
-  dirent** entries = nullptr;
-  int count;  // -1: the directory could not be read, and nothing was allocated
-};
-
-bool isDotEntry(const char* name) { return strcmp(name, ".") == 0 || strcmp(name, "..") == 0; }
 
 bool allows(unsigned int typeFilter, bool isDirectory) {
   return typeFilter == kAllResources || (typeFilter == kOnlyDirectories) == isDirectory;
 }
 
+void listBelow(const std::string& path, std::list<std::string>& out, unsigned int typeFilter, bool hashed,
+               unsigned int level) {
+  SortedDirectory directory(path);
+  const bool isResourceLevel = !hashed || level == kHashLevels;
+  for (std::string& name : directory.names) {
+    if (hashed && level == 0 && name == kLostAndFound) continue;
+    struct stat status;
+    if (directory.examine(name, &status) != 0) continue;
+    const bool isDirectory = S_ISDIR(status.st_mode);
+    if (isResourceLevel) {
+      if (allows(typeFilter, isDirectory)) out.push_back(std::move(name));
+    } else if (isDirectory) {
+      listBelow(directory.pathOf(name), out, typeFilter, hashed, level + 1);
+    }
+  }
+}
+
 }  // namespace
 
 int listDir(const char* directory, std::list<std::string>& out) {
-  const DirectoryEntries entries(directory);
-  for (const dirent* entry : entries)
-    if (!isDotEntry(entry->d_name)) out.emplace_back(entry->d_name);
+  if (directory) {
+    SortedDirectory sorted(directory);
+    std::move(sorted.names.begin(), sorted.names.end(), std::back_inserter(out));
+  }
   return static_cast<int>(out.size());
 }
 
 int listResourcesRecursively(const char* directory, std::list<std::string>& out, unsigned int typeFilter, bool hashed,
                              unsigned int level) {
-  std::list<std::string> names;
-  listDir(directory, names);
-  const bool isResourceLevel = !hashed || level == kHashLevels;
-  for (const std::string& name : names) {
-    if (hashed && level == 0 && name == kLostAndFound) continue;
-    const std::string path = std::string(directory) + "/" + name;
-    bool isDirectory = false;
-    if (isDir(path.c_str(), &isDirectory, nullptr) != 0) continue;
-    if (isResourceLevel) {
-      if (allows(typeFilter, isDirectory)) out.push_back(name);
-    } else if (isDirectory) {
-      listResourcesRecursively(path.c_str(), out, typeFilter, hashed, level + 1);
-    }
-  }
+  if (directory) listBelow(directory, out, typeFilter, hashed, level);
   return static_cast<int>(out.size());
 }
 

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <utime.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <list>
@@ -46,6 +47,9 @@ std::string withoutOuterSlashes(const std::string& id) {
   if (first == std::string::npos) return "";
   return id.substr(first, id.find_last_not_of('/') - first + 1);
 }
+
+// By bytes, whatever the locale.
+bool comesBefore(const OwnedChars& a, const OwnedChars& b) { return strcmp(a.get(), b.get()) < 0; }
 
 void setTimesToNow(const std::string& path) { utime(path.c_str(), nullptr); }
 
@@ -210,10 +214,11 @@ char* KTRepositoryHandler::createToLegacy(const char* resource) {
 char** KTRepositoryHandler::listResources(int typeFilter, long* count, bool sort) {
   KT_ASSERT(count);
   std::list<std::string> names = allResources(typeFilter);
-  if (sort) names.sort();
   std::vector<OwnedChars> copies;
   copies.reserve(names.size());
-  for (const std::string& name : names) copies.emplace_back(mystrdup(name.c_str()));
+  for (; !names.empty(); names.pop_front())  // so that most names are held once
+    copies.emplace_back(mystrdup(names.front().c_str()));
+  if (sort) std::sort(copies.begin(), copies.end(), comesBefore);
   char** array = new char*[copies.size()];  // nothing below can fail
   for (size_t i = 0; i < copies.size(); ++i) array[i] = copies[i].release();
   *count = static_cast<long>(copies.size());
