@@ -3,33 +3,10 @@
 
 #include "entrypoints.h"
 #include "ground.h"
+#include "halves.h"
 #include "pairs.h"
 
 namespace {
-
-constexpr int kBatch = 200;
-
-enum class Half { kCreate, kRemove };
-
-// Times one half of each batch; `create` and `remove` take the number of a resource.
-template <typename Create, typename Remove>
-void timeHalf(benchmark::State& state, Half timed, const Create& create, const Remove& remove) {
-  for (auto _ : state) {
-    const double creating = secondsOf([&] {
-      for (size_t i = 0; i < kBatch; ++i) create(i);
-    });
-    const double removing = secondsOf([&] {
-      for (size_t i = 0; i < kBatch; ++i) remove(i);
-    });
-    state.SetIterationTime((timed == Half::kCreate ? creating : removing) / kBatch);
-  }
-}
-
-std::vector<std::string> ids() {
-  std::vector<std::string> all;
-  for (int i = 0; i < kBatch; ++i) all.push_back("resource" + std::to_string(i));
-  return all;
-}
 
 template <Half timed>
 void operation(benchmark::State& state) {

@@ -45,10 +45,6 @@ void measure(const Repository::Mount& mount) {
   statvfs(mount.path.c_str(), &space);
 }
 
-void measureAll(const Repository& repository) {
-  for (const Repository::Mount& mount : repository.mounts) measure(mount);
-}
-
 void readConfiguration(const std::string& path, bool empty) {
   char content[kConfigurationBytes];
   struct stat status;
@@ -70,6 +66,8 @@ void makeAncestors(const std::vector<std::string>& ancestors) {
   for (const std::string& directory : ancestors)
     if (access(directory.c_str(), F_OK) != 0) mkdir(directory.c_str(), 0755);
 }
+
+void run(const std::string& command) { [[maybe_unused]] const int status = system(command.c_str()); }
 
 void readDirectory(const std::string& path) {
   DIR* directory = opendir(path.c_str());
@@ -126,9 +124,25 @@ size_t Tree::names() const {
   return count;
 }
 
+Move::Move(const Resource& resource, size_t from, size_t to)
+    : lock(resource.lock),
+      origin(resource.places[from]),
+      destination(resource.places[to]),
+      levels(resource.ancestors[from].rbegin(), resource.ancestors[from].rbegin() + kHashLevels),
+      ancestors(resource.ancestors[to]) {
+  const std::string both = origin + " " + destination;
+  copy = "cp -r " + both;
+  compare = "diff -q -r " + both;
+  removal = "rm -fr " + origin;
+}
+
 void takeLock(const std::string& lock) { close(open(lock.c_str(), O_RDONLY | O_CREAT | O_EXCL, 0660)); }
 
 void releaseLock(const std::string& lock) { unlink(lock.c_str()); }
+
+void measureAll(const Repository& repository) {
+  for (const Repository::Mount& mount : repository.mounts) measure(mount);
+}
 
 void lookUpRepository(const Repository& repository) {
   look(repository.config);
@@ -219,6 +233,27 @@ void list(const Repository& repository, const std::vector<Tree>& trees) {
     look(repository.mounts[mount].config);
     visit(trees[mount], examine);
   }
+}
+
+void step(const Repository& repository, const Move& move) {
+  takeLock(move.lock);
+  examine(move.origin);  // touched since it was listed?
+  look(move.origin);
+  struct stat status;
+  stat(move.origin.c_str(), &status);
+  look(move.destination);
+  makeAncestors(move.ancestors);
+  look(move.ancestors.back());
+  run(move.copy);
+  run(move.compare);
+  run(move.removal);
+  const utimbuf times = {status.st_atime, status.st_mtime};
+  utime(move.destination.c_str(), &times);
+  look(move.origin);
+  for (const std::string& level : move.levels)
+    if (::remove(level.c_str()) != 0) break;
+  releaseLock(move.lock);
+  measureAll(repository);
 }
 
 }  // namespace floors

@@ -1,6 +1,6 @@
 // The floor of each operation: exactly the calls that it has to make, in their order, and nothing else. Paths are built
-// before; results are not looked at, but for what a directory holds. A test compares each floor, call by call, with
-// what the library does.
+// before; results are not looked at, but for what a directory holds and the times that a moved resource keeps. A test
+// compares each floor, call by call, with what the library does.
 
 #ifndef BENCH_FLOORS_H
 #define BENCH_FLOORS_H
@@ -49,6 +49,20 @@ struct Tree {
   std::vector<Tree> entries;
 };
 
+// The paths and the shell commands of its move from one mount to another.
+struct Move {
+  Move(const Resource& resource, size_t from, size_t to);
+
+  std::string lock;
+  std::string origin;
+  std::string destination;
+  std::vector<std::string> levels;     // the hash levels above the origin, the innermost first
+  std::vector<std::string> ancestors;  // of the destination, the outermost first
+  std::string copy;
+  std::string compare;
+  std::string removal;
+};
+
 void takeLock(const std::string& lock);
 void releaseLock(const std::string& lock);
 
@@ -63,6 +77,9 @@ void remove(const Repository& repository, const Resource& resource, size_t mount
 void walk(const Repository& repository, size_t mount, const Tree& tree);
 // After the registry's look-up one call for each mount, one for each name and 5 for each directory above the resources.
 void list(const Repository& repository, const std::vector<Tree>& trees);
+// A balancing step, with its three commands and the look at all mounts for the next one.
+void step(const Repository& repository, const Move& move);
+void measureAll(const Repository& repository);  // the status of a repository, afresh
 
 }  // namespace floors
 

@@ -1,5 +1,6 @@
 #include "ground.h"
 
+#include <sys/mount.h>
 #include <syslog.h>
 #include <utime.h>
 
@@ -54,6 +55,7 @@ Ground::Ground(size_t mounts, const std::string& settings)
     const std::string name = "disk" + std::to_string(i);
     mountPaths.push_back(root + "/" + name);
     fs::create_directories(mountPaths.back());
+    lendDisk(i, mountPaths.back());
     std::ofstream(mountPaths.back() + "/repositorypart.cfg").flush();
     list.append(i == 1 ? "" : "\\").append(name);
   }
@@ -61,7 +63,26 @@ Ground::Ground(size_t mounts, const std::string& settings)
   paths = std::make_unique<floors::Repository>(root, mountPaths);
 }
 
-Ground::~Ground() { fs::remove_all(directory); }
+Ground::~Ground() {
+  giveBackDisks();
+  fs::remove_all(directory);
+}
+
+void Ground::lendDisk(size_t number, const std::string& path) {
+  const std::string disks = fromEnvironment("KT_BENCH_DISKS", "");
+  if (disks.empty()) return;
+  lent.push_back({disks + "/disk" + std::to_string(number) + "/" + fs::path(directory).filename().string(), path});
+  fs::create_directory(lent.back().directory);
+  if (::mount(lent.back().directory.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0)
+    throw std::runtime_error("cannot bind a disk to " + path);
+}
+
+void Ground::giveBackDisks() {
+  for (const Lent& disk : lent) {
+    umount(disk.mount.c_str());
+    fs::remove_all(disk.directory);
+  }
+}
 
 Ground& Ground::shared(size_t mounts) {
   static std::unique_ptr<Ground> ground;

@@ -1,5 +1,6 @@
 // The repositories that benchmarks work on, below the directory that KT_BENCH_DIRECTORY names (else TMPDIR, else /tmp).
-// scripts/bench puts it on the file system to be measured. Nothing is logged.
+// scripts/bench puts it on the file system to be measured. When KT_BENCH_DISKS names a directory of mounted disks,
+// disk1 and so on, each mount is a directory on a disk of its own, which needs root. Nothing is logged.
 
 #ifndef BENCH_GROUND_H
 #define BENCH_GROUND_H
@@ -31,8 +32,17 @@ class Ground {
   std::string place(size_t mount, const std::string& resource) const;
 
  private:
+  struct Lent {
+    std::string directory;  // on a disk
+    std::string mount;
+  };
+
+  void lendDisk(size_t number, const std::string& path);
+  void giveBackDisks();
+
   std::string directory;
   std::string root;
+  std::vector<Lent> lent;
   std::unique_ptr<floors::Repository> paths;
 };
 

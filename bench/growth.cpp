@@ -82,7 +82,7 @@ int main(int count, char** arguments) {
   if (!pairs::parse(count, arguments, options)) return 2;
   std::ofstream json;
   if (!options.json.empty()) json.open(options.json);
-  const size_t resources = options.quick ? 1000 : 100000;
+  const size_t resources = options.iterations ? 1000 : 100000;
   Times walks[2];
   Times lists[2];
   for (const size_t i : {0, 1}) {

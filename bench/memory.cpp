@@ -159,9 +159,9 @@ int main(int count, char** arguments) {
   pairs::Options options;
   if (!pairs::parse(count, arguments, options)) return 2;
   Report report(options.json);
-  const size_t most = options.quick ? 1000 : 100000;
+  const size_t most = options.iterations ? 1000 : 100000;
   for (const size_t resources : {most / 10, most}) walk(report, resources);
   for (const bool sorted : {false, true}) list(report, most, sorted);
-  locateAndCreate(report, options.quick ? 1000 : 1000000);
+  locateAndCreate(report, options.iterations ? 1000 : 1000000);
   return 0;
 }

@@ -10,9 +10,9 @@ namespace pairs {
 namespace {
 
 constexpr int kTurns = 7;
-constexpr int kAttempts = 3;
+constexpr int kAttempts = 2;
 constexpr double kSteadySpread = 0.10;  // of the floor's times around their median; beyond it the run is repeated
-constexpr double kSeconds = 0.1;        // of one measurement, where the number of iterations is free
+constexpr double kSeconds = 0.05;       // of one measurement, where the number of iterations is free
 constexpr double kNanoseconds = 1e9;
 
 // Takes the time of the one benchmark that ran last.
@@ -52,12 +52,12 @@ std::string nameOf(const Pair& pair, const Shape& shape) {
 }
 
 // Runs a body under Google Benchmark, which decides on the number of iterations.
-double secondsOf(const Pair& pair, const Shape& shape, Body body, bool quick) {
+double secondsOf(const Pair& pair, const Shape& shape, Body body, int64_t iterations) {
   benchmark::ClearRegisteredBenchmarks();
   auto* registered = benchmark::RegisterBenchmark(nameOf(pair, shape).c_str(), body)->Args(shape);
   pair.manual ? registered->UseManualTime() : registered->UseRealTime();
-  if (quick)
-    registered->Iterations(1);
+  if (iterations)
+    registered->Iterations(iterations);
   else if (pair.iterations)
     registered->Iterations(pair.iterations);
   else
@@ -71,11 +71,11 @@ double secondsOf(const Pair& pair, const Shape& shape, Body body, bool quick) {
   return stopwatch.seconds;
 }
 
-Result attempt(const Pair& pair, const Shape& shape, bool quick) {
+Result attempt(const Pair& pair, const Shape& shape, int64_t iterations) {
   std::vector<double> times, floors, ratios;
-  for (int turn = 0; turn < (quick ? 1 : kTurns); ++turn) {
-    floors.push_back(secondsOf(pair, shape, pair.floor, quick));
-    times.push_back(secondsOf(pair, shape, pair.body, quick));
+  for (int turn = 0; turn < (iterations ? 1 : kTurns); ++turn) {
+    floors.push_back(secondsOf(pair, shape, pair.floor, iterations));
+    times.push_back(secondsOf(pair, shape, pair.body, iterations));
     ratios.push_back(times.back() / floors.back());
   }
   const auto [lowestFloor, highestFloor] = std::minmax_element(floors.begin(), floors.end());
@@ -85,26 +85,31 @@ Result attempt(const Pair& pair, const Shape& shape, bool quick) {
 }
 
 // Repeats while the floor is unsteady, and keeps the steadiest attempt.
-Result measure(const Pair& pair, const Shape& shape, bool quick) {
-  Result best = attempt(pair, shape, quick);
-  for (int attempts = 2; attempts <= kAttempts && best.spread > kSteadySpread && !quick; ++attempts) {
+Result measure(const Pair& pair, const Shape& shape, int64_t iterations) {
+  Result best = attempt(pair, shape, iterations);
+  for (int attempts = 2; attempts <= kAttempts && best.spread > kSteadySpread && !iterations; ++attempts) {
     printf("  %s: the floor spread by %.0f %%, once more\n", nameOf(pair, shape).c_str(), best.spread * 100);
-    Result next = attempt(pair, shape, quick);
+    Result next = attempt(pair, shape, iterations);
     if (next.spread < best.spread) best = next;
     best.attempts = attempts;
   }
   return best;
 }
 
-const char* verdict(const Pair& pair, const Result& result) {
-  if (result.ratio <= pair.stretch) return "stretch";
-  return result.ratio <= pair.goal ? "goal" : "missed";
+std::string verdict(const Pair& pair, const Result& result) {
+  if (pair.goal == 0) return "no goal";
+  char text[40];
+  snprintf(text, sizeof text, "goal %.2f: %s", pair.goal,
+           result.ratio <= pair.stretch ? "stretch"
+           : result.ratio <= pair.goal  ? "goal"
+                                        : "missed");
+  return text;
 }
 
 void print(const Pair& pair, const Shape& shape, const Result& result) {
-  printf("%-44s %6.3f [%.3f, %.3f]  %12.0f ns  floor %12.0f ns (spread %2.0f %%)  goal %.2f: %s\n",
-         nameOf(pair, shape).c_str(), result.ratio, result.lowest, result.highest, result.seconds * kNanoseconds,
-         result.floorSeconds * kNanoseconds, result.spread * 100, pair.goal, verdict(pair, result));
+  printf("%-44s %6.3f [%.3f, %.3f]  %12.0f ns  floor %12.0f ns (spread %2.0f %%)  %s\n", nameOf(pair, shape).c_str(),
+         result.ratio, result.lowest, result.highest, result.seconds * kNanoseconds, result.floorSeconds * kNanoseconds,
+         result.spread * 100, verdict(pair, result).c_str());
   fflush(stdout);
 }
 
@@ -121,12 +126,17 @@ void write(std::ostream& json, const Pair& pair, const Shape& shape, const Resul
 
 bool parse(int count, char** arguments, Options& options) {
   for (int i = 1; i < count; ++i) {
+    const bool hasValue = i + 1 < count;
     if (strcmp(arguments[i], "--quick") == 0) {
-      options.quick = true;
-    } else if (strcmp(arguments[i], "--json") == 0 && i + 1 < count) {
+      options.iterations = 1;
+    } else if (strcmp(arguments[i], "--iterations") == 0 && hasValue) {
+      options.iterations = atoi(arguments[++i]);
+    } else if (strcmp(arguments[i], "--only") == 0 && hasValue) {
+      options.only = arguments[++i];
+    } else if (strcmp(arguments[i], "--json") == 0 && hasValue) {
       options.json = arguments[++i];
     } else {
-      fprintf(stderr, "Usage: %s [--quick] [--json FILE]\n", arguments[0]);
+      fprintf(stderr, "Usage: %s [--quick | --iterations N] [--only TEXT] [--json FILE]\n", arguments[0]);
       return false;
     }
   }
@@ -143,7 +153,8 @@ int run(int count, char** arguments, const std::vector<Pair>& all) {
   if (!options.json.empty()) json.open(options.json);
   for (const Pair& pair : all) {
     for (const Shape& shape : pair.shapes) {
-      const Result result = measure(pair, shape, options.quick);
+      if ((nameOf(pair, shape) + " ").find(options.only) == std::string::npos) continue;
+      const Result result = measure(pair, shape, options.iterations);
       print(pair, shape, result);
       if (json.is_open()) write(json, pair, shape, result);
     }

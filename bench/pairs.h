@@ -20,7 +20,7 @@ struct Pair {
   std::vector<Shape> shapes;
   Body body;
   Body floor;
-  double goal;             // operation / floor, at most
+  double goal;             // operation / floor, at most; 0: none
   double stretch;          // what we would like
   bool manual = false;     // the bodies take the time themselves, of a part of what they do
   int64_t iterations = 0;  // of one measurement; 0: as many as fill its time
@@ -28,16 +28,19 @@ struct Pair {
 
 // What a benchmark program is asked for.
 struct Options {
-  std::string json;    // where the rows go as well; empty: nowhere
-  bool quick = false;  // only see that it runs
+  std::string json;        // where the rows go as well; empty: nowhere
+  std::string only;        // a part of the names of what is measured; empty: all
+  int64_t iterations = 0;  // of one turn; 0: as many turns and iterations as it takes. 1: only see that it runs
 };
 
 // Returns false, and tells the usage, for arguments that are none of a benchmark program's.
 bool parse(int count, char** arguments, Options& options);
 
 // The main function of a benchmark program: measures all shapes of all pairs and prints a row for each.
-//   --json FILE   also writes the rows there
-//   --quick       one short turn each, to see that it runs; its ratios mean nothing
+//   --json FILE     also writes the rows there
+//   --only TEXT     only those with TEXT in their names, as they are printed, a space behind them
+//   --iterations N  one turn of N iterations each, for a profiler
+//   --quick         one turn of one iteration each, to see that it runs; its ratios mean nothing
 // Returns 0, or 2 for other arguments. A goal that is missed is told, and no failure: machines differ.
 int run(int count, char** arguments, const std::vector<Pair>& all);
 

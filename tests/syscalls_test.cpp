@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -356,31 +357,48 @@ TEST(SyscallsOfBalancingTest, NewDirectoryAsksOnceMorePerMount) {
   EXPECT_EQ(calls.size(), 17 + 7 * 3 + 2 * ground.D() + 3 + 3);
 }
 
-// The calls of a pass that moves `count` resources from the first mount to the second, without what `system` does.
-Calls callsOfPass(size_t count) {
-  const EnvironmentVariable zone("TZ", "UTC0");  // else each time in a log line looks for the machine's zone
-  const Ground ground({2, 2, ""});
-  FakeDisks disks;
-  for (const size_t mount : {0U, 1U})
-    disks.answerWith(ground.repository.mount(mount), [=, &ground](struct statvfs* space) {
-      realFunction<int (*)(const char*, struct statvfs*)>("statvfs")(ground.repository.mount(mount).c_str(), space);
+// Two mounts, the first of them full: the room on it is what `room` says, in percent.
+class FullMount {
+ public:
+  explicit FullMount(const std::function<fsblkcnt_t()>& room) : zone("TZ", "UTC0"), ground({2, 2, ""}) {
+    tzset();  // else the first time in a log line looks for the zone
+    answer(0, room);
+    answer(1, [] { return 90; });
+    shell.answer = [this](const std::string& command) {
+      switchCounting();
+      ++commands;
+      const int result = FakeShell::runReal(command);
+      switchCounting();
+      return result;
+    };
+  }
+
+  const EnvironmentVariable zone;  // else each further one looks for the machine's
+  const Ground ground;
+  FakeShell shell;
+  size_t commands = 0;  // that the shell ran; their calls are not counted
+
+ private:
+  void answer(size_t mount, const std::function<fsblkcnt_t()>& room) {
+    const std::string path = ground.repository.mount(mount);
+    disks.answerWith(path, [=](struct statvfs* space) {
+      realFunction<int (*)(const char*, struct statvfs*)>("statvfs")(path.c_str(), space);
       space->f_blocks = 100;
-      space->f_bavail = space->f_bfree = mount == 0 ? 0 : 90;  // the first one stays full, whatever leaves it
+      space->f_bavail = space->f_bfree = room();
       return 0;
     });
-  for (size_t i = 0; i < count; ++i) ground.repository.place(0, "old" + std::to_string(i), "content", kLongAgo);
-  FakeShell shell;
-  size_t commands = 0;
-  shell.answer = [&](const std::string& command) {
-    switchCounting();
-    ++commands;
-    const int result = FakeShell::runReal(command);
-    switchCounting();
-    return result;
-  };
-  return ground.of([&] {
-    checkOverload_(ground.id, false);
-    EXPECT_EQ(commands, 3 * count);
+  }
+
+  FakeDisks disks;
+};
+
+// The calls of a pass that moves `count` resources from the first mount to the second, without what `system` does.
+Calls callsOfPass(size_t count) {
+  FullMount full([] { return 0; });  // whatever leaves it
+  for (size_t i = 0; i < count; ++i) full.ground.repository.place(0, "old" + std::to_string(i), "content", kLongAgo);
+  return full.ground.of([&] {
+    checkOverload_(full.ground.id, false);
+    EXPECT_EQ(full.commands, 3 * count);
   });
 }
 
@@ -389,6 +407,37 @@ TEST(SyscallsOfBalancingTest, StepMovesOneResource) {
   const size_t listed = 4 * 4 + 5 * 3;  // by the walk: one resource and its three levels
   for (const size_t count : {1U, 2U, 5U})
     EXPECT_EQ(callsOfPass(count + 1).size() - callsOfPass(count).size(), 13 + D + 3 + 2 * 3 + 2 * 2 + listed);
+}
+
+// The calls of what moves "old" off the full mount, where the clean-up tries so many hash levels. The mount is full
+// when the pass looks at it and when it looks for another one that takes its resources, and has room after the step.
+Calls callsOfMoving(size_t levels, const std::function<void(const FullMount&)>& operation) {
+  size_t asked = 0;
+  FullMount full([&] { return ++asked <= 2 ? 0 : 90; });
+  std::filesystem::path kept = full.ground.repository.place(0, "old", "content", kLongAgo);
+  for (size_t level = 0; level < levels; ++level) kept = kept.parent_path();
+  writeFile(kept / "neighbour", "");  // too new to be moved
+  return full.ground.of([&] {
+    asked = 0;
+    operation(full);
+    EXPECT_EQ(full.commands, 3);
+  });
+}
+
+TEST(SyscallsOfBalancingTest, FloorOfAStepMakesTheSameCalls) {
+  for (const size_t c : {1U, 2U, 3U}) {
+    const Calls step = callsOfMoving(c, [](const FullMount& full) {
+      const TestRepository& repository = full.ground.repository;
+      const floors::Repository paths(full.ground.id, {repository.mount(0), repository.mount(1)});
+      floors::step(paths, floors::Move(floors::Resource(paths, "old"), 0, 1));
+    });
+    Calls pass = callsOfMoving(c, [](const FullMount& full) { checkOverload_(full.ground.id, false); });
+    EXPECT_EQ(pass.back(), "unlink") << "of the repository's lock, after the last step";
+    pass.pop_back();
+    ASSERT_GT(pass.size(), step.size());
+    EXPECT_EQ(Calls(pass.end() - static_cast<long>(step.size()), pass.end()), step) << c << " levels tried";
+    EXPECT_EQ(step.size(), 13 + Ground({2, 2, ""}).D() + 3 + 2 * c + 2 * 2);
+  }
 }
 
 }  // namespace
