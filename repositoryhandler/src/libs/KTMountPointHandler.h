@@ -123,7 +123,8 @@ class KT_API KTMountPointHandler {
   int collect(CandidateWalk& walk, const char* prefix, unsigned int depth);
   void walkDirectory(CandidateWalk& walk, const std::string& path, unsigned int depth);
   void walkEntry(CandidateWalk& walk, const SortedDirectory& directory, const std::string& name, unsigned int depth);
-  std::string configFile() const;
+
+  std::string configFile;  // path of "repositorypart.cfg", which every look at the mount begins with
 };
 
 #endif

@@ -76,6 +76,7 @@ char* createHash(const char* name) {
 char* convertToHashed_(const char* path) {
   if (!path) return nullptr;
   std::string result;
+  result.reserve(strlen(path) + kLevelsLength);  // most paths have one component that is hashed
   const char* component = path;
   while (const char* slash = strchr(component, '/')) {
     if (slash != component) {
@@ -85,7 +86,7 @@ char* convertToHashed_(const char* path) {
     }
     component = slash + 1;
   }
-  return mystrdup((result + component).c_str());  // the last component is the resource's own name
+  return mystrdup(result.append(component).c_str());  // the last component is the resource's own name
 }
 
 char* convertToHashed(const char* path) { return convertToHashed_(path); }

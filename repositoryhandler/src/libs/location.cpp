@@ -87,7 +87,9 @@ char* KTMountPointHandler::getLocation(const char* id, int* result, int* mountSt
   std::string closed(id);
   if (closed.empty() || closed.back() != '/') closed += '/';  // so that the last component is hashed too
   const OwnedChars hashed(convertToHashed_(closed.c_str()));
-  std::string path = mountPath + "/" + hashed.get();
+  std::string path;
+  path.reserve(mountPath.size() + 1 + strlen(hashed.get()));
+  path.append(mountPath).append("/").append(hashed.get());
   if (hashed[0] != '\0') path.pop_back();  // the "/" behind the last component
   if (!exists(path.c_str())) {
     report(result, kResourceNotFound);

@@ -34,6 +34,7 @@ void KTMountPointHandler::setup(const std::string& path, KTRepositoryHandler* ow
   KT_ASSERT(owner);
   status = 0;
   mountPath = path;
+  configFile = mountPath + kMountConfig;
   logPath = mountPath + "/.log";
   repository = owner;
   switchLimit = owner->switchLimit;
@@ -47,11 +48,10 @@ void KTMountPointHandler::setup(const std::string& path, KTRepositoryHandler* ow
 }
 
 int KTMountPointHandler::parseConfigFile() {
-  const std::string file = configFile();
-  if (!exists(file.c_str())) return 0;
-  configTime = lastModified(file.c_str());
+  if (!exists(configFile.c_str())) return 0;
+  configTime = lastModified(configFile.c_str());
   KTProperties properties;
-  properties.load(file.c_str());
+  properties.load(configFile.c_str());
   takeNatural(properties, "switchLimit", switchLimit);
   takeNatural(properties, "fullLimit", fullLimit);
   takeNatural(properties, "cleanLimit", cleanLimit);
@@ -60,8 +60,7 @@ int KTMountPointHandler::parseConfigFile() {
 }
 
 bool KTMountPointHandler::isUpToDate() {
-  const std::string file = configFile();
-  return exists(file.c_str()) && lastModified(file.c_str()) == configTime;
+  return exists(configFile.c_str()) && lastModified(configFile.c_str()) == configTime;
 }
 
 float KTMountPointHandler::getUsedPercentage() {
@@ -73,10 +72,9 @@ float KTMountPointHandler::getUsedPercentage() {
 }
 
 int KTMountPointHandler::checkStatus(bool useCached) {
-  const std::string file = configFile();
-  if (!exists(file.c_str())) return status = MOUNT_MISSING;
+  if (!exists(configFile.c_str())) return status = MOUNT_MISSING;
   if (status & MOUNT_MISSING) {
-    rh_logger.debugLog("Mount is back in town:%s", file.c_str());
+    rh_logger.debugLog("Mount is back in town:%s", configFile.c_str());
     useCached = false;
     parseConfigFile();
   }
@@ -120,5 +118,3 @@ int KTMountPointHandler::parseNatInt(const char* text) {
 }
 
 void KTMountPointHandler::writeToLog(const char* /*text*/) {}
-
-std::string KTMountPointHandler::configFile() const { return mountPath + kMountConfig; }
