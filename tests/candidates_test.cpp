@@ -360,10 +360,12 @@ TEST_F(CandidatesTest, AWalkHoldsFourDescriptorsAndOneOfALockAndNoneAfterwards) 
     const DescriptorLimit limit(5);
     expectBoth({"a"});
   }
+#ifndef __SANITIZE_ADDRESS__  // which needs descriptors itself when the exception for the lock is thrown
   {
     const DescriptorLimit limit(4);
     expectBoth({});
   }
+#endif
   EXPECT_EQ(openDescriptors(), before);
 }
 
