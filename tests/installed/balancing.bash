@@ -60,8 +60,8 @@ fill_repository() {
 # left.
 check_balanced() {
   local number
-  find "$repository/disk2" -path '*/letters0/shared' | grep -q . || fail "the oldest resource was not moved"
-  find "$repository/disk1" -name letters9 | grep -q . || fail "the youngest resource was moved"
+  find "$repository/disk2" -path '*/letters0/shared' | grep . >/dev/null || fail "the oldest resource was not moved"
+  find "$repository/disk1" -name letters9 | grep . >/dev/null || fail "the youngest resource was moved"
   (cd "$repository" && find disk1 disk2 -name text -exec sha256sum {} + | sed 's: disk[12]/: ./:' | sort -k 2) >after
   cmp before after || fail "the resources are not what they were"
   [ -z "$(find "$repository"/disk? ! -user repository)" ] || fail "files belong to another user"
