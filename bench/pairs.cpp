@@ -11,7 +11,7 @@ namespace {
 
 constexpr int kTurns = 7;
 constexpr int kAttempts = 2;
-constexpr double kSteadySpread = 0.10;  // of the floor's times around their median; beyond it the run is repeated
+constexpr double kSteadySpread = 0.10;  // of the floor; beyond it the run is repeated
 constexpr double kSeconds = 0.05;       // of one measurement, where the number of iterations is free
 constexpr double kNanoseconds = 1e9;
 
@@ -35,7 +35,7 @@ struct Result {
   double highest = 0;
   double seconds = 0;  // medians, of one iteration
   double floorSeconds = 0;
-  double spread = 0;  // of the floor
+  double spread = 0;  // of the floor, see spreadOf
   int attempts = 0;
 };
 
@@ -43,6 +43,14 @@ double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   const size_t middle = values.size() / 2;
   return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+// How far the middle half of the values lie apart, over their median. A single outlier, which the median of the ratios
+// does not feel, does not count.
+double spreadOf(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const size_t quarter = values.size() / 4;
+  return (values[values.size() - 1 - quarter] - values[quarter]) / median(values);
 }
 
 std::string nameOf(const Pair& pair, const Shape& shape) {
@@ -78,10 +86,8 @@ Result attempt(const Pair& pair, const Shape& shape, int64_t iterations) {
     times.push_back(secondsOf(pair, shape, pair.body, iterations));
     ratios.push_back(times.back() / floors.back());
   }
-  const auto [lowestFloor, highestFloor] = std::minmax_element(floors.begin(), floors.end());
   const auto [lowest, highest] = std::minmax_element(ratios.begin(), ratios.end());
-  const double middle = median(floors);
-  return {median(ratios), *lowest, *highest, median(times), middle, (*highestFloor - *lowestFloor) / middle, 1};
+  return {median(ratios), *lowest, *highest, median(times), median(floors), spreadOf(floors), 1};
 }
 
 // Repeats while the floor is unsteady, and keeps the steadiest attempt.

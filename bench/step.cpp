@@ -57,5 +57,5 @@ const pairs::Pair kLargeProcess = {
 }  // namespace
 
 int main(int count, char** arguments) {
-  return pairs::run(count, arguments, {stepOf({3, 4}, 40), stepOf({1, 65536}, 5), kLargeProcess});
+  return pairs::run(count, arguments, {stepOf({3, 4}, 40), stepOf({1, 65536}, 10), kLargeProcess});
 }

@@ -26,6 +26,13 @@ std::string chosenDirectory(const std::string& given) {
   return variable ? variable : ".";
 }
 
+std::string pathOf(const std::string& directory, const std::string& name) {
+  constexpr std::string_view kPrefix = "/semaphore_";
+  std::string path;
+  path.reserve(directory.size() + kPrefix.size() + name.size());
+  return path.append(directory).append(kPrefix).append(name);
+}
+
 KTIOException ioFailure(const char* what, const std::string& name) {
   const int failure = errno;
   return {failure, what + name + " [" + strerror(failure) + "]"};
@@ -51,6 +58,7 @@ KTSemaphore::KTSemaphore(const std::string& lockName, const std::string& lockDir
     : name(lockName),
       directory(chosenDirectory(lockDirectory)),
       autoUnlock(unlockAtEnd),
+      lockFile(pathOf(directory, name)),
       exceptionsAtStart(std::uncaught_exceptions()) {}
 
 KTSemaphore::~KTSemaphore() noexcept(false) {  // NOLINT(bugprone-exception-escape)
@@ -65,7 +73,7 @@ KTSemaphore::~KTSemaphore() noexcept(false) {  // NOLINT(bugprone-exception-esca
 
 bool KTSemaphore::lockResource() {
   errno = 0;
-  const int descriptor = open(lockFile().c_str(), O_RDONLY | O_CREAT | O_EXCL, kLockFileMode);
+  const int descriptor = open(lockFile.c_str(), O_RDONLY | O_CREAT | O_EXCL, kLockFileMode);
   if (descriptor < 0) {
     if (errno == EEXIST) return false;
     throw ioFailure("Creating semaphore failed: ", name);
@@ -89,13 +97,6 @@ bool KTSemaphore::lock(int timeout) {
 void KTSemaphore::unlock() {
   if (!locked && !lockedElsewhere) return;
   errno = 0;
-  if (unlink(lockFile().c_str()) != 0 && errno != ENOENT) throw ioFailure("Releasing semaphore failed: ", name);
+  if (unlink(lockFile.c_str()) != 0 && errno != ENOENT) throw ioFailure("Releasing semaphore failed: ", name);
   locked = false;
-}
-
-std::string KTSemaphore::lockFile() const {
-  constexpr std::string_view kPrefix = "/semaphore_";
-  std::string path;
-  path.reserve(directory.size() + kPrefix.size() + name.size());
-  return path.append(directory).append(kPrefix).append(name);
 }

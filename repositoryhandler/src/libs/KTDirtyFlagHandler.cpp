@@ -11,20 +11,14 @@
 #include "messages.h"
 #include "paths.h"
 
-namespace {
-
-std::string lockNameOf(const std::string& setFile) { return OwnedChars(toResourceID(setFile.c_str(), "")).get(); }
-
-}  // namespace
-
-KTDirtyFlagHandler::KTDirtyFlagHandler() : lockName(lockNameOf("")) {}
+KTDirtyFlagHandler::KTDirtyFlagHandler() : lockName(resourceLockName(setFile, "")) {}
 
 KTDirtyFlagHandler::~KTDirtyFlagHandler() = default;
 
 void KTDirtyFlagHandler::setRepository(const char* repository) {
   assertAt(kRepositoryGiven, repository != nullptr);
   setFile = std::string(repository) + "/.dirty";
-  lockName = lockNameOf(setFile);
+  lockName = resourceLockName(setFile, "");
   KTSemaphore semaphore(lockName, true);
   if (!lockSet(semaphore) || !exists(setFile.c_str())) return;
   const OwnedFile f(fopen(setFile.c_str(), "rb"));

@@ -119,7 +119,12 @@ class KT_API KTMountPointHandler {
   class KT_LOCAL OldestWalk;
   class KT_LOCAL RandomWalk;
 
+  friend class KTRepositoryHandler;  // looks for one resource on mount after mount: the path below them is the same
+
   int statusBits(float used) const;
+  // getLocation and removeResource of the resource at this path below the mount, which begins with "/".
+  KT_LOCAL char* locate(const std::string& below, int* result, int* mountStatus, bool touch);
+  KT_LOCAL int remove(const std::string& below);
   int collect(CandidateWalk& walk, const char* prefix, unsigned int depth);
   void walkDirectory(CandidateWalk& walk, const std::string& path, unsigned int depth);
   void walkEntry(CandidateWalk& walk, const SortedDirectory& directory, const std::string& name, unsigned int depth);

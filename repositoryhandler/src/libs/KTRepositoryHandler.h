@@ -186,7 +186,6 @@ class KT_API KTRepositoryHandler {
   class KT_LOCAL FruitlessRounds;
 
   KTRepositoryHandler() = default;
-  std::string configFile() const;
   void applySettings(KTProperties& properties);
   void addMounts(const char* list);
   void addMount(const std::string& path);
@@ -219,6 +218,9 @@ class KT_API KTRepositoryHandler {
   KTMountPointHandler* mountAt(const std::string& path) const;
   std::string destinationOf(const ResourceEntry& entry, int target) const;
   void markDirty(const ResourceEntry& entry);
+
+  // Path of "repository.cfg", which every operation begins with; of the empty id at first.
+  std::string configFile = "/repository.cfg";
 };
 
 #endif

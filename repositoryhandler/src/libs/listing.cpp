@@ -1,6 +1,5 @@
 #include "listing.h"
 
-#include <algorithm>
 #include <iterator>
 #include <utility>
 
@@ -9,6 +8,7 @@
 #include "disklayout.h"
 #include "filestatus.h"
 #include "hashlayout.h"
+#include "locking.h"
 #include "paths.h"
 #include "sorteddirectory.h"
 
@@ -53,9 +53,7 @@ int listResourcesRecursively(const char* directory, std::list<std::string>& out,
 
 char* toResourceID(const char* repository, const char* resource) {
   if (!repository || !resource) return nullptr;
-  std::string lockName = std::string("KTRepositoryHandler-") + repository + "-" + resource;
-  std::replace(lockName.begin(), lockName.end(), '/', '_');
-  return mystrdup(lockName.c_str());
+  return mystrdup(resourceLockName(repository, resource).c_str());
 }
 
 long getSize(const char* path, struct stat* status) {

@@ -48,6 +48,17 @@ std::string withoutOuterSlashes(const std::string& id) {
   return id.substr(first, id.find_last_not_of('/') - first + 1);
 }
 
+// Where a resource is below each mount; begins with "/".
+std::string pathBelowMount(const char* id) {
+  std::string closed(id);
+  if (closed.empty() || closed.back() != '/') closed += '/';  // so that the last component is hashed too
+  const OwnedChars hashed(convertToHashed_(closed.c_str()));
+  std::string below("/");
+  below += hashed.get();
+  if (below.size() > 1) below.pop_back();  // the "/" behind the last component
+  return below;
+}
+
 // By bytes, whatever the locale.
 bool comesBefore(const OwnedChars& a, const OwnedChars& b) { return strcmp(a.get(), b.get()) < 0; }
 
@@ -81,16 +92,14 @@ int joinCopies(const char* earlier, const char* later, int laterMountStatus) {
 
 char* KTMountPointHandler::getLocation(const char* id, int* result, int* mountStatus, bool touch) {
   KT_ASSERT(id);
+  return locate(pathBelowMount(id), result, mountStatus, touch);
+}
+
+char* KTMountPointHandler::locate(const std::string& below, int* result, int* mountStatus, bool touch) {
   const int fresh = checkStatus(false);
   report(mountStatus, fresh);
   if (fresh == MOUNT_MISSING) return nullptr;
-  std::string closed(id);
-  if (closed.empty() || closed.back() != '/') closed += '/';  // so that the last component is hashed too
-  const OwnedChars hashed(convertToHashed_(closed.c_str()));
-  std::string path;
-  path.reserve(mountPath.size() + 1 + strlen(hashed.get()));
-  path.append(mountPath).append("/").append(hashed.get());
-  if (hashed[0] != '\0') path.pop_back();  // the "/" behind the last component
+  const std::string path = mountPath + below;
   if (!exists(path.c_str())) {
     report(result, kResourceNotFound);
     return nullptr;
@@ -129,8 +138,11 @@ char* KTMountPointHandler::createDirectory(const char* id, int* result) {
 
 int KTMountPointHandler::removeResource(const char* id) {
   KT_ASSERT(id);
-  if (!namesResource(id)) return kResourceNotFound;
-  const OwnedChars location(getLocation(id, nullptr, nullptr, false));
+  return namesResource(id) ? remove(pathBelowMount(id)) : kResourceNotFound;
+}
+
+int KTMountPointHandler::remove(const std::string& below) {
+  const OwnedChars location(locate(below, nullptr, nullptr, false));
   if (!location) return kResourceNotFound;
   const int result = deleteRes(location.get());
   if (result == kTransferred) clearEmptyHash(location.get());
@@ -237,7 +249,7 @@ std::list<std::string> KTRepositoryHandler::allResources(int typeFilter) {
 }
 
 std::string KTRepositoryHandler::lockNameOf(const std::string& resource) const {
-  return OwnedChars(toResourceID(id.c_str(), resource.c_str())).get();
+  return resourceLockName(id, resource);
 }
 
 bool KTRepositoryHandler::takeResourceLock(KTSemaphore& semaphore) const {
@@ -271,10 +283,11 @@ char* KTRepositoryHandler::importFromLegacy(const char* resource, bool touch) {
 char* KTRepositoryHandler::locateOnMounts(const char* resource, int* result, bool touch) {
   bool dirty = dirtyFlagHandler.isDirty(resource) && namesResource(resource);
   bool someMountAway = false;
+  const std::string below = pathBelowMount(resource);
   OwnedChars found;
   for (KTMountPointHandler* mount : mountPoints) {
     int mountStatus = 0;
-    OwnedChars here(mount->getLocation(resource, nullptr, &mountStatus, touch));
+    OwnedChars here(mount->locate(below, nullptr, &mountStatus, touch));
     if (!here) {
       if (mountStatus & MOUNT_MISSING) someMountAway = true;
       continue;
@@ -312,16 +325,18 @@ char* KTRepositoryHandler::createUnderLock(const char* resource, int* result, bo
 }
 
 int KTRepositoryHandler::removeEverywhere(const char* resource) {
+  const bool named = namesResource(resource);
+  const std::string below = pathBelowMount(resource);
   bool found = false;
   int result = 0;
   for (KTMountPointHandler* mount : mountPoints) {
-    const int removed = mount->removeResource(resource);
+    const int removed = named ? mount->remove(below) : kResourceNotFound;
     if (removed & kResourceNotFound) continue;
     found = true;
     result |= removed;
   }
   const std::string legacy = legacyDir + "/" + resource;
-  if (!legacyDir.empty() && namesResource(resource) && exists(legacy.c_str())) {
+  if (!legacyDir.empty() && named && exists(legacy.c_str())) {
     found = true;
     result |= deleteRes(legacy.c_str());
   }

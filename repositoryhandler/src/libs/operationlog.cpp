@@ -48,9 +48,8 @@ void writeUnlessThere(const char* path, const char* text) {
 
 void writeToLogGlobal(const char* path, const char* text) {
   if (!path || !text) return;
-  const OwnedChars lockName(toResourceID(path, ""));
   try {
-    KTSemaphore semaphore(lockName.get(), true);
+    KTSemaphore semaphore(resourceLockName(path, ""), true);
     if (!takeLock(semaphore)) {
       rh_logger.errorLog(("The log file " + quoted(path) + " could not be locked.").c_str());
       return;

@@ -59,19 +59,19 @@ void KTRepositoryHandler::setup(const char* path) {
   dirtyFlagHandler.setRepository(path);
   status = 0;
   id = path;
+  configFile = id + kRepositoryConfig;
   parseConfigFile();
   checkRepositoryStatus();
 }
 
 int KTRepositoryHandler::parseConfigFile() {
-  const std::string file = configFile();
-  if (!exists(file.c_str())) {
+  if (!exists(configFile.c_str())) {
     addMount(id);  // to whatever list there is: a repeated setup appends the root once more
     return 0;
   }
-  configTime = lastModified(file.c_str());
+  configTime = lastModified(configFile.c_str());
   KTProperties properties;
-  properties.load(file.c_str());
+  properties.load(configFile.c_str());
   applySettings(properties);
   removeMounts();
   const char* list = properties.getProperty("mountPoints");
@@ -83,8 +83,7 @@ int KTRepositoryHandler::parseConfigFile() {
 }
 
 bool KTRepositoryHandler::isUpToDate() {
-  const std::string file = configFile();
-  if (!exists(file.c_str()) || lastModified(file.c_str()) != configTime) return false;
+  if (!exists(configFile.c_str()) || lastModified(configFile.c_str()) != configTime) return false;
   for (KTMountPointHandler* mount : mountPoints)
     if (!mount->isUpToDate()) return false;
   return true;
@@ -95,8 +94,6 @@ std::list<std::string>* KTRepositoryHandler::getDeletedDirs() { return &deletedD
 const char* KTRepositoryHandler::getID() { return id.c_str(); }
 
 void KTRepositoryHandler::writeToLegacyLog(const char* /*text*/) {}
-
-std::string KTRepositoryHandler::configFile() const { return id + kRepositoryConfig; }
 
 void KTRepositoryHandler::applySettings(KTProperties& properties) {
   if (const char* directory = properties.getProperty("legacyDir")) legacyDir = directory;
