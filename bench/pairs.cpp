@@ -9,7 +9,6 @@ namespace pairs {
 
 namespace {
 
-constexpr int kTurns = 7;
 constexpr int kAttempts = 2;
 constexpr double kSteadySpread = 0.10;  // of the floor; beyond it the run is repeated
 constexpr double kSeconds = 0.05;       // of one measurement, where the number of iterations is free
@@ -81,7 +80,7 @@ double secondsOf(const Pair& pair, const Shape& shape, Body body, int64_t iterat
 
 Result attempt(const Pair& pair, const Shape& shape, int64_t iterations) {
   std::vector<double> times, floors, ratios;
-  for (int turn = 0; turn < (iterations ? 1 : kTurns); ++turn) {
+  for (int turn = 0; turn < (iterations ? 1 : pair.turns); ++turn) {
     floors.push_back(secondsOf(pair, shape, pair.floor, iterations));
     times.push_back(secondsOf(pair, shape, pair.body, iterations));
     ratios.push_back(times.back() / floors.back());

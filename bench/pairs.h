@@ -24,6 +24,7 @@ struct Pair {
   double stretch;          // what we would like
   bool manual = false;     // the bodies take the time themselves, of a part of what they do
   int64_t iterations = 0;  // of one measurement; 0: as many as fill its time
+  int turns = 7;           // of the operation beside its floor; more where a measurement wavers
 };
 
 // What a benchmark program is asked for.

@@ -39,7 +39,8 @@ pairs::Pair stepOf(pairs::Shape shape, int64_t iterations) {
           .goal = 1.03,
           .stretch = 1.01,
           .manual = true,
-          .iterations = iterations};
+          .iterations = iterations,
+          .turns = 21};
 }
 
 const pairs::Pair kLargeProcess = {
@@ -51,11 +52,12 @@ const pairs::Pair kLargeProcess = {
     .goal = 1.05,
     .stretch = 1.01,
     .manual = true,
-    .iterations = 40,
+    .iterations = 15,
+    .turns = 21,
 };
 
 }  // namespace
 
 int main(int count, char** arguments) {
-  return pairs::run(count, arguments, {stepOf({3, 4}, 40), stepOf({1, 65536}, 10), kLargeProcess});
+  return pairs::run(count, arguments, {stepOf({3, 4}, 15), stepOf({1, 65536}, 3), kLargeProcess});
 }
