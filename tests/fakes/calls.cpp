@@ -50,6 +50,8 @@ FailingCall::FailingCall(const std::string& called, int failure, const std::stri
 
 FailingCall::~FailingCall() { std::erase(failing(), this); }
 
+int errnoBehindEntries = 0;
+
 bool FailingCall::matches(const std::string& called, const std::string& path) {
   if (called != function || path.find(pathPart) == std::string::npos) return false;
   if (skip > 0) {
@@ -179,7 +181,9 @@ dirent* readdir(DIR* directory) {
   if (FailingCall::strikes("readdir", pathAt(dirfd(directory), "").c_str())) return nullptr;
   static const auto real = realFunction<dirent* (*)(DIR*)>("readdir");
   errno = kept;
-  return real(directory);
+  dirent* entry = real(directory);
+  if (entry && errnoBehindEntries) errno = errnoBehindEntries;
+  return entry;
 }
 
 int closedir(DIR* directory) {

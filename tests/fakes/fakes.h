@@ -124,6 +124,9 @@ class FailingCall {
   int failures = 0;
 };
 
+// What a readdir that gives an entry leaves in errno, where only the end of a directory is told by it; 0: nothing.
+extern int errnoBehindEntries;
+
 // Records the file calls of the above functions, but for readdir, and the creation and removal of lock files, in order.
 class CallWatch {
  public:
