@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "KTException.h"
+#include "KTHooks.h"
 
 namespace {
 
@@ -72,15 +73,25 @@ KTSemaphore::~KTSemaphore() noexcept(false) {  // NOLINT(bugprone-exception-esca
 }
 
 bool KTSemaphore::lockResource() {
-  errno = 0;
-  const int descriptor = open(lockFile.c_str(), O_RDONLY | O_CREAT | O_EXCL, kLockFileMode);
-  if (descriptor < 0) {
-    if (errno == EEXIST) return false;
-    throw ioFailure("Creating semaphore failed: ", name);
+  if (!makeLockFile()) {
+    if (!ktHooks.lockTakenOver || !ktHooks.lockTakenOver(lockFile)) return false;
+  } else if (ktHooks.lockMade) {
+    ktHooks.lockMade(lockFile);
   }
-  close(descriptor);
   locked = true;
   return true;
+}
+
+// False when it is there already.
+bool KTSemaphore::makeLockFile() const {
+  errno = 0;
+  const int descriptor = open(lockFile.c_str(), O_RDONLY | O_CREAT | O_EXCL, kLockFileMode);
+  if (descriptor >= 0) {
+    close(descriptor);
+    return true;
+  }
+  if (errno == EEXIST) return false;
+  throw ioFailure("Creating semaphore failed: ", name);
 }
 
 bool KTSemaphore::lock(int timeout) {

@@ -21,6 +21,8 @@
 #include "locking.h"
 #include "messages.h"
 #include "paths.h"
+#include "relocation.h"
+#include "safety.h"
 #include "transfer.h"
 
 namespace {
@@ -65,9 +67,8 @@ bool comesBefore(const OwnedChars& a, const OwnedChars& b) { return strcmp(a.get
 void setTimesToNow(const std::string& path) { utime(path.c_str(), nullptr); }
 
 void logNotMade(const std::string& directory, int failure) {
-  rh_logger.errorLog(
-      ("Error occured while creating directory " + quoted(directory) + ". Error code is " + std::to_string(failure))
-          .c_str());
+  safety::logError("Error occured while creating directory " + quoted(directory) + ". Error code is " +
+                   std::to_string(failure));
 }
 
 bool makeDirectory(const std::string& directory) {
@@ -77,11 +78,18 @@ bool makeDirectory(const std::string& directory) {
   return false;
 }
 
+bool canJoin(const char* earlier, int laterMountStatus) {
+  bool isDirectory = false;
+  return isDir(earlier, &isDirectory, nullptr) == 0 && isDirectory && !(laterMountStatus & MOUNT_FULL);
+}
+
 // Moves the earlier of two copies of a dirty resource into the later one. Returns 0, or what to report.
 int joinCopies(const char* earlier, const char* later, int laterMountStatus) {
-  bool isDirectory = false;
-  if (isDir(earlier, &isDirectory, nullptr) != 0 || !isDirectory || (laterMountStatus & MOUNT_FULL))
-    return kResourceConflict;
+  if (!canJoin(earlier, laterMountStatus)) {
+    if (!safety::dropsEqualCopies() || !dropEqualCopy(earlier, later)) return kResourceConflict;
+    clearEmptyHash(earlier);
+    return kResourceFound;
+  }
   const int moved = moveRes(earlier, later);
   rh_logger.debugLog("--- Dirty conflict handling ---");
   if (moved == kTransferred) clearEmptyHash(earlier);
@@ -254,7 +262,7 @@ std::string KTRepositoryHandler::lockNameOf(const std::string& resource) const {
 
 bool KTRepositoryHandler::takeResourceLock(KTSemaphore& semaphore) const {
   if (takeLock(semaphore)) return true;
-  rh_logger.errorLog(("The resource " + quoted(semaphore.name) + " could not be locked.").c_str());
+  safety::logError("The resource " + quoted(semaphore.name) + " could not be locked.");
   return false;
 }
 
@@ -319,7 +327,7 @@ char* KTRepositoryHandler::createUnderLock(const char* resource, int* result, bo
   std::string text = "The repository " + quoted(id) + " is ";
   text += status & REPOSITORY_MISSING ? "missing" : "full";
   if (status & REPOSITORY_INCOMPLETE) text += " and incomplete";
-  rh_logger.errorLog(text.c_str());
+  safety::logError(text);
   report(result, kResourceNotCreated);
   return nullptr;
 }

@@ -1,0 +1,145 @@
+#include "lockowner.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "librarylog.h"
+
+namespace {
+
+constexpr size_t kMostBytes = 1023;  // of what is read; an owner is shorter
+
+class Descriptor {
+ public:
+  explicit Descriptor(int opened) : number(opened) {}
+  ~Descriptor() {
+    if (number >= 0) close(number);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  const int number;
+};
+
+std::string contentOf(int descriptor) {
+  char bytes[kMostBytes];
+  const ssize_t size = pread(descriptor, bytes, sizeof bytes, 0);
+  return {bytes, size > 0 ? static_cast<size_t>(size) : 0};
+}
+
+// The first bytes of a small file of the kernel; empty when it cannot be read.
+std::string kernelText(const char* path) {
+  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  return file.number < 0 ? "" : contentOf(file.number);
+}
+
+// Distinct for each process id namespace of a running kernel.
+std::string namespaceOfThis() {
+  struct stat status;
+  return stat("/proc/self/ns/pid", &status) == 0 ? std::to_string(status.st_ino) : "";
+}
+
+// In ticks after the start of the kernel; empty for a process that is not there or cannot be looked at.
+std::string startOf(const std::string& process) {
+  const std::string text = kernelText(("/proc/" + process + "/stat").c_str());
+  // The name in parentheses may hold anything; behind it the start is the 20th field.
+  size_t at = text.rfind(')');
+  for (int field = 0; field < 20 && at != std::string::npos; ++field) at = text.find(' ', at + 1);
+  return at == std::string::npos ? "" : text.substr(at + 1, text.find(' ', at + 1) - at - 1);
+}
+
+// The kernel that runs now: another machine has another, and so has this one after a restart.
+std::string runningKernel() {
+  std::string text = kernelText("/proc/sys/kernel/random/boot_id");
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  return text;
+}
+
+struct Owner {
+  std::string host;  // for the reader; names of hosts are not unique
+  std::string kernel;
+  std::string space;
+  std::string process;
+  std::string start;
+
+  std::string line() const { return host + " " + kernel + " " + space + " " + process + " " + start + "\n"; }
+};
+
+// Of a process that cannot look at itself the parts are empty, and the line is none that `ownerIn` reads.
+Owner thisProcess() {
+  utsname names;
+  const std::string host = uname(&names) == 0 ? names.nodename : "localhost";
+  return {host, runningKernel(), namespaceOfThis(), std::to_string(getpid()), startOf("self")};
+}
+
+// False for a file of the default mode, or one that another process is about to write.
+bool ownerIn(const std::string& content, Owner& owner) {
+  std::string* const parts[] = {&owner.host, &owner.kernel, &owner.space, &owner.process, &owner.start};
+  size_t begin = 0;
+  for (std::string* part : parts) {
+    const size_t end = content.find(part == &owner.start ? '\n' : ' ', begin);
+    if (end == std::string::npos || end == begin) return false;
+    *part = content.substr(begin, end - begin);
+    begin = end + 1;
+  }
+  return true;
+}
+
+bool isGone(const Owner& owner, const Owner& self) {
+  if (owner.kernel != self.kernel || owner.space != self.space) return false;
+  const long process = strtol(owner.process.c_str(), nullptr, 10);
+  if (process <= 0) return false;
+  if (kill(static_cast<pid_t>(process), 0) != 0 && errno == ESRCH) return true;
+  const std::string start = startOf(owner.process);
+  return !start.empty() && start != owner.start;  // its id has gone to another process
+}
+
+// What a longer line leaves behind the line feed is never read.
+bool write(int descriptor, const Owner& owner) {
+  const std::string line = owner.line();
+  return pwrite(descriptor, line.data(), line.size(), 0) == static_cast<ssize_t>(line.size());
+}
+
+// Whether the lock file is still the one that was opened: its holder may have released it meanwhile.
+bool isStillAt(const std::string& path, int descriptor) {
+  struct stat opened;
+  struct stat named;
+  return fstat(descriptor, &opened) == 0 && stat(path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
+         opened.st_ino == named.st_ino;
+}
+
+bool isOfGoneProcess(int descriptor, const Owner& self, Owner& owner) {
+  return ownerIn(contentOf(descriptor), owner) && isGone(owner, self);
+}
+
+}  // namespace
+
+void signLock(const std::string& lockFile) {
+  const Descriptor file(open(lockFile.c_str(), O_WRONLY | O_CLOEXEC));
+  if (file.number >= 0) write(file.number, thisProcess());
+}
+
+bool takeOverLock(const std::string& lockFile) {
+  const Descriptor file(open(lockFile.c_str(), O_RDWR | O_CLOEXEC));
+  if (file.number < 0) return false;
+  const Owner self = thisProcess();
+  Owner owner;
+  if (!isOfGoneProcess(file.number, self, owner)) return false;
+  // Among those that see the same, the kernel's own lock decides; it ends with the descriptor. A name that is written
+  // over stands for a process that lives: the next one that looks, under that lock, lets go.
+  if (flock(file.number, LOCK_EX | LOCK_NB) != 0) return false;
+  if (!isOfGoneProcess(file.number, self, owner) || !isStillAt(lockFile, file.number)) return false;
+  if (!write(file.number, self)) return false;
+  rh_logger.infoLog("The lock %s was taken over from process %s, which is gone", lockFile.c_str(),
+                    owner.process.c_str());
+  return true;
+}

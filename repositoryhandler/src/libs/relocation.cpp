@@ -1,0 +1,191 @@
+#include "relocation.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <list>
+#include <optional>
+
+#include "KTOwned.h"
+#include "disklayout.h"
+#include "filestatus.h"
+#include "hashlayout.h"
+#include "librarylog.h"
+#include "listing.h"
+#include "paths.h"
+#include "safety.h"
+#include "treecomparison.h"
+
+namespace {
+
+constexpr int kNotMoved = -1;
+
+// Below the one directory at the root of a mount into which no walk goes, in either mode: what stands three levels
+// below any other is taken for resources.
+constexpr char kOutOfSight[] = "lost+found/kt-moves";
+
+int run(const std::string& command) { return system(command.c_str()); }
+
+std::string outOfSight(const std::string& mountPath) { return mountPath + "/" + kOutOfSight; }
+
+// Where a path of the hashed layout stands.
+struct Place {
+  std::string mountPath;
+  std::string id;
+};
+
+// The first place in the path where three levels and a name stand together as the layout has them. Of a stray file,
+// three levels below a mount like a resource, the mount is the nearest directory that is one. None for a path outside
+// of any mount, in the legacy directory.
+std::optional<Place> placeOf(const std::string& path) {
+  std::optional<Place> stray;
+  for (size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+    size_t name = slash;
+    for (unsigned int level = 0; level < kHashLevels && name != std::string::npos; ++level)
+      name = path.find('/', name + 1);
+    if (name == std::string::npos) break;
+    const size_t end = path.find('/', name + 1);
+    const std::string id = path.substr(name + 1, end == std::string::npos ? end : end - name - 1);
+    if (id.empty()) continue;
+    const Place place = {path.substr(0, slash), id};
+    const OwnedChars hashed(createHash(id.c_str()));
+    if (path.compare(slash + 1, strlen(hashed.get()), hashed.get()) == 0) return place;
+    if (exists((place.mountPath + kMountConfig).c_str())) stray = place;
+  }
+  return stray;
+}
+
+// Distinct for all moves of all processes that go on: one process works for a resource at a time.
+std::string nameOfMove() {
+  static std::atomic<unsigned int> moves{0};
+  return std::to_string(getpid()) + "-" + std::to_string(++moves);
+}
+
+// A name out of sight, on the file system of a path, for what is on its way there or away. What is there in the end is
+// removed. Below a mount it is found by the resource's id; elsewhere it stands beside the path.
+class Hideout {
+ public:
+  explicit Hideout(const std::string& neighbour) {
+    if (const auto place = placeOf(neighbour)) {
+      directory = outOfSight(place->mountPath) + "/" + place->id;
+      path = directory + "/" + nameOfMove();
+    } else {
+      const OwnedChars parent(baseDir(neighbour.c_str()));
+      path = (parent ? parent.get() : "") + (".kt-move-" + nameOfMove());
+    }
+  }
+  ~Hideout() {
+    const int failure = errno;
+    if (safety::isThere(path.c_str())) run(safety::removeCommand(path));
+    if (!directory.empty()) rmdir(directory.c_str());
+    errno = failure;
+  }
+  Hideout(const Hideout&) = delete;
+  Hideout& operator=(const Hideout&) = delete;
+
+  bool make() const {
+    if (directory.empty()) return true;
+    mkdirs(directory.c_str(), kDirectoryMode);
+    if (exists(directory.c_str())) return true;
+    const int failure = errno;
+    safety::logError("The directory \"" + directory + "\" for moves could not be made: " + strerror(failure));
+    errno = failure;
+    return false;
+  }
+
+  std::string path;
+
+ private:
+  std::string directory;
+};
+
+// Brings the whole file system of a directory or file to the disk. False, with errno, when something written to it was
+// lost.
+bool flush(const std::string& path) {
+  const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  const int result = syncfs(descriptor);
+  const int failure = errno;
+  close(descriptor);
+  errno = failure;
+  return result == 0;
+}
+
+bool flushAround(const std::string& path) {
+  const OwnedChars parent(baseDir(path.c_str()));
+  return flush(parent.get());
+}
+
+// Never over anything: an empty directory there would make way.
+bool renameTo(const std::string& from, const std::string& to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+  if (errno != EINVAL && errno != ENOSYS) return false;
+  if (safety::isThere(to.c_str())) {  // a file system that cannot tell the kernel
+    errno = EEXIST;
+    return false;
+  }
+  return rename(from.c_str(), to.c_str()) == 0;
+}
+
+int makeCopy(const std::string& origin, const std::string& copy) {
+  if (const int status = run(safety::copyCommand(origin, copy))) return status;
+  if (const int status = compareTrees(origin, copy)) return status;
+  return flushAround(copy) ? 0 : kNotMoved;
+}
+
+// The copy stands at its place and is on the disk. A failure takes it back.
+bool putInPlace(const std::string& copy, const std::string& destination) {
+  if (!renameTo(copy, destination)) return false;
+  if (flushAround(destination)) return true;
+  const int failure = errno;
+  renameTo(destination, copy);
+  errno = failure;
+  return false;
+}
+
+// Whole and at once; the hideout removes it at its end. In a directory that is listed flat it would be taken for a
+// resource: there it is removed where it is.
+bool putAway(const std::string& origin, const Hideout& old) {
+  if (placeOf(origin)) return renameTo(origin, old.path);
+  run(safety::removeCommand(origin));
+  return true;
+}
+
+}  // namespace
+
+int relocate(const std::string& origin, const std::string& destination) {
+  const Hideout copy(destination);
+  const Hideout old(origin);
+  if (!copy.make() || !old.make()) return kNotMoved;
+  if (const int status = makeCopy(origin, copy.path)) return status;
+  if (!putInPlace(copy.path, destination)) return kNotMoved;
+  if (putAway(origin, old)) return 0;
+  const int failure = errno;
+  renameTo(destination, copy.path);
+  errno = failure;
+  return kNotMoved;
+}
+
+bool dropEqualCopy(const std::string& origin, const std::string& kept) {
+  const Hideout old(origin);
+  return old.make() && compareTrees(origin, kept) == 0 && flushAround(kept) && putAway(origin, old);
+}
+
+std::vector<std::string> leftCopies(const std::string& mountPath) {
+  std::list<std::string> names;
+  listDir(outOfSight(mountPath).c_str(), names);
+  return {names.begin(), names.end()};
+}
+
+// Renamed first: a move that goes on in spite of the lock, after somebody removed the lock file, then fails as a whole.
+void removeLeftCopies(const std::string& mountPath, const std::string& id) {
+  const std::string left = outOfSight(mountPath) + "/" + id;
+  const Hideout rest(left);
+  if (renameTo(left, rest.path)) rh_logger.infoLog("What a move left behind is removed: %s", left.c_str());
+}
