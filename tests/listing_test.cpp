@@ -7,12 +7,30 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <new>
 #include <vector>
 
 #include "KTException.h"
 #include "fakes/fakes.h"
 #include "support/results.h"
 #include "support/scratch.h"
+
+namespace {
+
+// What an allocation leaves in errno, as malloc does when it gets memory another way than it tried first; 0: nothing.
+int errnoOfAllocations = 0;
+
+}  // namespace
+
+void* operator new(size_t size) {
+  void* memory = malloc(size ? size : 1);
+  if (!memory) throw std::bad_alloc();
+  if (errnoOfAllocations) errno = errnoOfAllocations;
+  return memory;
+}
+void operator delete(void* memory) noexcept { free(memory); }
+void operator delete(void* memory, size_t) noexcept { free(memory); }
 
 namespace {
 
@@ -121,6 +139,15 @@ TEST(ListDirTest, ADirectoryThatCannotBeReadAddsNothing) {
   }
   EXPECT_THAT(names, ElementsAre("kept"));
   EXPECT_THAT(log.events, IsEmpty());
+}
+
+TEST(ListDirTest, AnErrnoThatAnAllocationLeavesIsNoFailure) {
+  const ScratchDirectory dir;
+  writeFile(dir / "a-name-that-is-too-long-to-be-stored-without-an-allocation", "");
+  errnoOfAllocations = ENOMEM;
+  const Names names = namesIn(dir.path());
+  errnoOfAllocations = 0;
+  EXPECT_THAT(names, ElementsAre("a-name-that-is-too-long-to-be-stored-without-an-allocation"));
 }
 
 TEST(ListDirTest, NullAddsNothing) {

@@ -175,8 +175,10 @@ DIR* opendir(const char* path) {
 }
 
 dirent* readdir(DIR* directory) {
+  const int kept = errno;  // the end of the directory is told by an errno that stays as it was
   if (FailingCall::strikes("readdir", pathAt(dirfd(directory), "").c_str())) return nullptr;
   static const auto real = realFunction<dirent* (*)(DIR*)>("readdir");
+  errno = kept;
   return real(directory);
 }
 

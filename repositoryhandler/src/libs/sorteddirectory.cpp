@@ -17,8 +17,8 @@ bool collatesBefore(const std::string& a, const std::string& b) { return strcoll
 
 SortedDirectory::SortedDirectory(std::string where) : path(std::move(where)), directory(opendir(path.c_str())) {
   if (!directory) return;
-  errno = 0;
-  while (const dirent* entry = readdir(directory.get()))
+  // Only the errno that comes with the end tells a failure: storing a name may leave one behind that means nothing.
+  while (const dirent* entry = (errno = 0, readdir(directory.get())))
     if (!isDotEntry(entry->d_name)) names.emplace_back(entry->d_name);
   if (errno != 0) names.clear();
   std::stable_sort(names.begin(), names.end(), collatesBefore);  // of names that collate alike, what was read first
