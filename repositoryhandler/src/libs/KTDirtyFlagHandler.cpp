@@ -2,10 +2,12 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 
 #include "KTLinePieces.h"
 #include "KTOwned.h"
 #include "assertionsites.h"
+#include "filestatus.h"
 #include "locking.h"
 #include "messages.h"
 #include "paths.h"
@@ -14,10 +16,15 @@
 
 namespace {
 
-bool isSameFile(const struct stat& a, const struct stat& b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
-         a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+// Seconds without a change after which the times of a file tell of the next one: they are that coarse at most.
+constexpr time_t kCoarsestTimes = 2;
+
+bool isUnchanged(const struct stat& now, const struct stat& known) {
+  return isSameInode(now, known) && now.st_size == known.st_size && now.st_ctim.tv_sec == known.st_ctim.tv_sec &&
+         now.st_ctim.tv_nsec == known.st_ctim.tv_nsec;
 }
+
+bool isSettled(const struct stat& status) { return status.st_ctim.tv_sec + kCoarsestTimes < time(nullptr); }
 
 }  // namespace
 
@@ -33,38 +40,42 @@ void KTDirtyFlagHandler::setRepository(const char* repository) {
   if (lockSet(semaphore) && exists(setFile.c_str())) load();
 }
 
-// Adds what the file holds.
-void KTDirtyFlagHandler::load() {
+// Adds what the file holds. False when it could not be read to its end.
+bool KTDirtyFlagHandler::load() {
   const OwnedFile f(fopen(setFile.c_str(), "rb"));
   assertAt(kDirtySetReadable, f != nullptr);
   KTLinePieces pieces(f.get());
   while (const char* id = pieces.next()) dirtySet.insert(id);
+  return !ferror(f.get());
 }
 
-// What other processes have marked and cleared since this one looked. A file that cannot be read changes nothing.
-void KTDirtyFlagHandler::catchUp() {
-  if (!safety::replacesStateFiles()) return;
-  struct stat now = {};
-  if (stat(setFile.c_str(), &now) != 0 && errno != ENOENT) return;
-  if (isSameFile(now, known)) return;
+// What other processes have marked and cleared since this one looked. False when the file cannot be read; the set is
+// then as it was.
+bool KTDirtyFlagHandler::catchUp() {
+  if (!safety::replacesStateFiles()) return true;
+  struct stat now;
+  const bool there = stat(setFile.c_str(), &now) == 0;
+  caughtUp = there || errno == ENOENT;
+  if (!caughtUp || (there && isUnchanged(now, known))) return caughtUp;
   std::set<std::string> before;
   before.swap(dirtySet);
   try {
-    if (now.st_ino != 0) load();
+    caughtUp = !there || load();
   } catch (const KTAssertionException&) {
-    dirtySet.swap(before);
-    return;
+    caughtUp = false;
   }
+  if (!caughtUp) dirtySet.swap(before);
   dirtySet.insert(unsaved.begin(), unsaved.end());
-  known = now;
+  known = {};
+  if (caughtUp && there && isSettled(now)) known = now;
+  return caughtUp;
 }
 
 bool KTDirtyFlagHandler::isDirty(const char* id) {
   KT_ASSERT(id);
   KTSemaphore semaphore(lockName, true);
   if (!lockSet(semaphore)) return true;
-  catchUp();
-  return dirtySet.count(id) > 0;
+  return !catchUp() || dirtySet.count(id) > 0;
 }
 
 void KTDirtyFlagHandler::setDirty(const char* id, bool dirty) {
@@ -86,12 +97,13 @@ void KTDirtyFlagHandler::clearDirtySet() {
   if (!lockSet(semaphore)) return;
   dirtySet.clear();
   unsaved.clear();
+  caughtUp = true;  // whatever the file holds
   writeSetFile();
 }
 
 int KTDirtyFlagHandler::writeSetFile() {
   if (safety::replacesStateFiles()) {
-    assertAt(kDirtySetWritable, replaceSetFile());
+    assertAt(kDirtySetWritable, caughtUp && replaceSetFile());
     return 0;
   }
   OwnedFile f(fopen(setFile.c_str(), "wb"));
@@ -105,7 +117,7 @@ bool KTDirtyFlagHandler::replaceSetFile() {
   for (const std::string& id : dirtySet) content.append(id).append("\n");
   if (!replaceFile(setFile, setFile + ".new", content)) return false;
   unsaved.clear();
-  if (stat(setFile.c_str(), &known) != 0) known = {};
+  known = {};
   return true;
 }
 

@@ -291,10 +291,9 @@ bool KTRepositoryHandler::moveCandidate(KTMountPointHandler* mount, const Resour
 // True when the resource was moved; a failure is logged as `failureLine`, a conflict leaves a mark.
 bool KTRepositoryHandler::moveUnderLock(const ResourceEntry& entry, const std::string& destination,
                                         const char* failureLine, bool verbose) {
-  markWhileMoved(entry, true);
+  const bool marked = markWhileMoved(entry);
   const int result = moveRes(entry.path.c_str(), destination.c_str());
-  if (result == kTransferred || (safety::marksResources() && !safety::isThere(destination.c_str())))
-    markWhileMoved(entry, false);
+  if (marked && (result == kTransferred || !safety::isThere(destination.c_str()))) setMark(entry, false);
   if (result & kTransferConflict) {
     say(verbose, "Conflict prevented resource move");
     markDirty(entry);
@@ -390,12 +389,17 @@ void KTRepositoryHandler::markDirty(const ResourceEntry& entry) {
   dirtyFlagHandler.setDirty((safety::marksResources() ? entry.name : entry.path).c_str(), true);
 }
 
-// In the safe mode. A mark that cannot be written keeps nothing from being moved: the disk of the set may be the one
-// that is full.
-void KTRepositoryHandler::markWhileMoved(const ResourceEntry& entry, bool moving) {
-  if (!safety::marksResources()) return;
+// In the safe mode. False when the resource has a mark already: that of somebody who knows of another copy.
+bool KTRepositoryHandler::markWhileMoved(const ResourceEntry& entry) {
+  if (!safety::marksResources() || dirtyFlagHandler.isDirty(entry.name.c_str())) return false;
+  setMark(entry, true);
+  return true;
+}
+
+// A mark that cannot be written keeps nothing from being moved: the disk of the set may be the one that is full.
+void KTRepositoryHandler::setMark(const ResourceEntry& entry, bool dirty) {
   try {
-    dirtyFlagHandler.setDirty(entry.name.c_str(), moving);
+    dirtyFlagHandler.setDirty(entry.name.c_str(), dirty);
   } catch (const KTException& failure) {
     safety::logError(failure.m_message);
   }

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "filestatus.h"
 #include "librarylog.h"
 
 namespace {
@@ -96,9 +97,9 @@ bool ownerIn(const std::string& content, Owner& owner) {
 
 bool isGone(const Owner& owner, const Owner& self) {
   if (owner.kernel != self.kernel || owner.space != self.space) return false;
-  const long process = strtol(owner.process.c_str(), nullptr, 10);
-  if (process <= 0) return false;
-  if (kill(static_cast<pid_t>(process), 0) != 0 && errno == ESRCH) return true;
+  const auto process = static_cast<pid_t>(strtol(owner.process.c_str(), nullptr, 10));
+  if (process <= 0 || std::to_string(process) != owner.process) return false;  // no process id: the file is damaged
+  if (kill(process, 0) != 0 && errno == ESRCH) return true;
   const std::string start = startOf(owner.process);
   return !start.empty() && start != owner.start;  // its id has gone to another process
 }
@@ -113,8 +114,7 @@ bool write(int descriptor, const Owner& owner) {
 bool isStillAt(const std::string& path, int descriptor) {
   struct stat opened;
   struct stat named;
-  return fstat(descriptor, &opened) == 0 && stat(path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
-         opened.st_ino == named.st_ino;
+  return fstat(descriptor, &opened) == 0 && stat(path.c_str(), &named) == 0 && isSameInode(opened, named);
 }
 
 bool isOfGoneProcess(int descriptor, const Owner& self, Owner& owner) {
@@ -137,8 +137,9 @@ bool takeOverLock(const std::string& lockFile) {
   // Among those that see the same, the kernel's own lock decides; it ends with the descriptor. A name that is written
   // over stands for a process that lives: the next one that looks, under that lock, lets go.
   if (flock(file.number, LOCK_EX | LOCK_NB) != 0) return false;
-  if (!isOfGoneProcess(file.number, self, owner) || !isStillAt(lockFile, file.number)) return false;
-  if (!write(file.number, self)) return false;
+  if (!isOfGoneProcess(file.number, self, owner)) return false;
+  // Asked last: an operator may have removed the file until here, and then holds it who made it anew.
+  if (!write(file.number, self) || !isStillAt(lockFile, file.number)) return false;
   rh_logger.infoLog("The lock %s was taken over from process %s, which is gone", lockFile.c_str(),
                     owner.process.c_str());
   return true;

@@ -68,41 +68,60 @@ std::string nameOfMove() {
 }
 
 // A name out of sight, on the file system of a path, for what is on its way there or away. What is there in the end is
-// removed. Below a mount it is found by the resource's id; elsewhere it stands beside the path.
+// removed.
 class Hideout {
  public:
-  explicit Hideout(const std::string& neighbour) {
-    if (const auto place = placeOf(neighbour)) {
-      directory = outOfSight(place->mountPath) + "/" + place->id;
-      path = directory + "/" + nameOfMove();
-    } else {
-      const OwnedChars parent(baseDir(neighbour.c_str()));
-      path = (parent ? parent.get() : "") + (".kt-move-" + nameOfMove());
-    }
+  // Below a mount it is found by the resource's id; elsewhere it stands beside the path.
+  static Hideout of(const std::string& neighbour) {
+    const auto place = placeOf(neighbour);
+    if (!place) return beside(neighbour);
+    const std::string directory = outOfSight(place->mountPath) + "/" + place->id;
+    return {directory, directory + "/" + nameOfMove()};
+  }
+  static Hideout beside(const std::string& neighbour) {
+    const OwnedChars parent(baseDir(neighbour.c_str()));
+    return {"", (parent ? parent.get() : "") + (".kt-move-" + nameOfMove())};
   }
   ~Hideout() {
     const int failure = errno;
-    if (safety::isThere(path.c_str())) run(safety::removeCommand(path));
+    if (safety::isThere(path.c_str())) run(removal);
     if (!directory.empty()) rmdir(directory.c_str());
     errno = failure;
   }
   Hideout(const Hideout&) = delete;
   Hideout& operator=(const Hideout&) = delete;
 
+  // For a copy.
   bool make() const {
-    if (directory.empty()) return true;
-    mkdirs(directory.c_str(), kDirectoryMode);
-    if (exists(directory.c_str())) return true;
+    if (directory.empty() || tryToMake()) return true;
     const int failure = errno;
     safety::logError("The directory \"" + directory + "\" for moves could not be made: " + strerror(failure));
     errno = failure;
     return false;
   }
+  // For what goes away: a disk too full for one directory more can do without, since such disks are drained.
+  bool makeIfRoom() const {
+    if (directory.empty() || tryToMake()) return true;
+    return errno == ENOSPC || errno == EDQUOT || make();
+  }
+  bool isMade() const { return !directory.empty() && exists(directory.c_str()); }
 
-  std::string path;
+  const std::string path;
 
  private:
-  std::string directory;
+  Hideout(const std::string& above, const std::string& name)
+      : path(name), directory(above), removal(safety::removeCommand(name)) {}
+
+  bool tryToMake() const {
+    mkdirs(directory.c_str(), kDirectoryMode);
+    const int failure = errno;  // that of the mkdir, should it not be there
+    if (exists(directory.c_str())) return true;
+    errno = failure;
+    return false;
+  }
+
+  const std::string directory;
+  const std::string removal;  // made first: a destructor has no memory to ask for
 };
 
 // Brings the whole file system of a directory or file to the disk. False, with errno, when something written to it was
@@ -150,31 +169,39 @@ bool putInPlace(const std::string& copy, const std::string& destination) {
 }
 
 // Whole and at once; the hideout removes it at its end. In a directory that is listed flat it would be taken for a
-// resource: there it is removed where it is.
+// resource, and on a full disk there may be no hideout: there it is removed where it is.
 bool putAway(const std::string& origin, const Hideout& old) {
-  if (placeOf(origin)) return renameTo(origin, old.path);
+  if (old.isMade()) return renameTo(origin, old.path);
   run(safety::removeCommand(origin));
-  return true;
+  return !safety::isThere(origin.c_str());
+}
+
+// One thing under two names, by a link or a mount above it.
+bool isOneThing(const std::string& path, const std::string& other) {
+  struct stat first;
+  struct stat second;
+  return lstat(path.c_str(), &first) == 0 && lstat(other.c_str(), &second) == 0 && isSameInode(first, second);
 }
 
 }  // namespace
 
 int relocate(const std::string& origin, const std::string& destination) {
-  const Hideout copy(destination);
-  const Hideout old(origin);
-  if (!copy.make() || !old.make()) return kNotMoved;
+  const Hideout copy = Hideout::of(destination);
+  const Hideout old = Hideout::of(origin);
+  if (!copy.make() || !old.makeIfRoom()) return kNotMoved;
   if (const int status = makeCopy(origin, copy.path)) return status;
   if (!putInPlace(copy.path, destination)) return kNotMoved;
   if (putAway(origin, old)) return 0;
   const int failure = errno;
-  renameTo(destination, copy.path);
+  if (old.isMade()) renameTo(destination, copy.path);  // else only a part of the origin may be left: the copy stays
   errno = failure;
   return kNotMoved;
 }
 
 bool dropEqualCopy(const std::string& origin, const std::string& kept) {
-  const Hideout old(origin);
-  return old.make() && compareTrees(origin, kept) == 0 && flushAround(kept) && putAway(origin, old);
+  if (isOneThing(origin, kept)) return false;
+  const Hideout old = Hideout::of(origin);
+  return old.makeIfRoom() && compareTrees(origin, kept) == 0 && flushAround(kept) && putAway(origin, old);
 }
 
 std::vector<std::string> leftCopies(const std::string& mountPath) {
@@ -186,6 +213,6 @@ std::vector<std::string> leftCopies(const std::string& mountPath) {
 // Renamed first: a move that goes on in spite of the lock, after somebody removed the lock file, then fails as a whole.
 void removeLeftCopies(const std::string& mountPath, const std::string& id) {
   const std::string left = outOfSight(mountPath) + "/" + id;
-  const Hideout rest(left);
+  const Hideout rest = Hideout::beside(left);
   if (renameTo(left, rest.path)) rh_logger.infoLog("What a move left behind is removed: %s", left.c_str());
 }

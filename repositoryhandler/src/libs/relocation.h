@@ -11,11 +11,13 @@
 
 // Moves `origin` to `destination`, where nothing is and whose parent directory is there. Returns 0, and the origin is
 // gone; or the status of the command that failed, or -1 with errno for any other step. Then the origin is whole and,
-// but for a removal that fails too, nothing of the copy is left.
+// but for a removal that fails too, nothing of the copy is left. Where the origin is deleted in its place (outside of
+// any mount, or on a disk too full for a directory out of sight) a deletion that fails leaves the whole copy, and of
+// the origin what was not deleted.
 int relocate(const std::string& origin, const std::string& destination);
 
 // Of two copies of the same, one goes: removes `origin` when what is at `kept` equals it and is on the disk. False when
-// they differ, or it could not be removed, whole.
+// they differ, or are one under two names, or it could not be removed, whole.
 bool dropEqualCopy(const std::string& origin, const std::string& kept);
 
 // The ids of the resources of which moves have left something out of sight on a mount, in no order: of moves that go

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <vector>
 
@@ -68,18 +69,33 @@ std::string escaped(const std::string& text) {
   return shown;
 }
 
+// The hooks are called where nothing may be thrown: without memory they add nothing.
+
 std::optional<std::string> logText(const char* format, va_list args) {
   if (!isOn()) return std::nullopt;
-  std::string text = formatted(format, args);
-  if (!text.empty() && text.back() == '\n') text.pop_back();  // it only ends the line
-  return escaped(text);
+  try {
+    std::string text = formatted(format, args);
+    if (!text.empty() && text.back() == '\n') text.pop_back();  // it only ends the line
+    return escaped(text);
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
 }
 
 void lockMade(const std::string& lockFile) {
-  if (isOn()) signLock(lockFile);
+  try {
+    if (isOn()) signLock(lockFile);
+  } catch (const std::bad_alloc&) {  // the lock is held all the same
+  }
 }
 
-bool lockTakenOver(const std::string& lockFile) { return isOn() && takeOverLock(lockFile); }
+bool lockTakenOver(const std::string& lockFile) {
+  try {
+    return isOn() && takeOverLock(lockFile);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
 
 [[maybe_unused]] const bool hooked = [] {
   ktHooks = {logText, lockMade, lockTakenOver};
@@ -118,6 +134,14 @@ bool isThere(const char* path) {
   if (!isOn()) return exists(path);
   struct stat status;
   return path && lstat(path, &status) == 0;
+}
+
+bool mayMerge(const char* origin, const char* destination) {
+  if (!isOn()) return true;
+  struct stat from;
+  struct stat into;
+  return lstat(origin, &from) == 0 && lstat(destination, &into) == 0 && S_ISDIR(into.st_mode) &&
+         !isSameInode(from, into);
 }
 
 int examine(const char* path, struct stat* status) {
@@ -159,8 +183,7 @@ bool isOneMount(const std::string& path, const std::string& other) {
   if (!isOn()) return false;
   struct stat first;
   struct stat second;
-  return stat(path.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
-         first.st_ino == second.st_ino;
+  return stat(path.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 && isSameInode(first, second);
 }
 
 }  // namespace safety

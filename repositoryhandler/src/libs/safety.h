@@ -34,6 +34,9 @@ bool dropsEqualCopies();
 // Moving and deleting: whether something is at `path`, and what it is. A symbolic link is what it points to; safe: a
 // link, so that a link inside a resource is moved or deleted itself, be it dangling or not.
 bool isThere(const char* path);
+// Whether the entries of a directory that is moved may go into what is at its destination: into anything; safe: into
+// another directory, not through a link, which may lead out of the repository, nor into itself under another name.
+bool mayMerge(const char* origin, const char* destination);
 // Returns 0, or 8 when it cannot be examined (logged).
 int examine(const char* path, struct stat* status);
 // Gives a moved resource the times that it had, in seconds; safe: in full, and to a link itself.

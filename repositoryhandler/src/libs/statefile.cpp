@@ -23,12 +23,15 @@ bool write(int descriptor, const std::string& content) {
 void takeAfter(int descriptor, const std::string& path) {
   struct stat old;
   if (stat(path.c_str(), &old) != 0) return;
-  static_cast<void>(fchown(descriptor, old.st_uid, old.st_gid) == 0);
+  // Only root gives files away; the group of the processes that share the file may be had without.
+  if (fchown(descriptor, old.st_uid, old.st_gid) != 0)
+    static_cast<void>(fchown(descriptor, static_cast<uid_t>(-1), old.st_gid) == 0);
   fchmod(descriptor, old.st_mode & 07777);
 }
 
 bool writeFile(const std::string& path, const std::string& temporary, const std::string& content) {
-  const int descriptor = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFreshFileMode);
+  unlink(temporary.c_str());  // of a killed process, or a link: nothing is written through it
+  const int descriptor = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFreshFileMode);
   if (descriptor < 0) return false;
   takeAfter(descriptor, path);
   const bool written = write(descriptor, content);
