@@ -75,7 +75,7 @@ bool KTDirtyFlagHandler::isDirty(const char* id) {
   KT_ASSERT(id);
   KTSemaphore semaphore(lockName, true);
   if (!lockSet(semaphore)) return true;
-  return !catchUp() || dirtySet.count(id) > 0;
+  return !catchUp() || dirtySet.count(safety::markOf(id)) > 0;
 }
 
 void KTDirtyFlagHandler::setDirty(const char* id, bool dirty) {
@@ -83,12 +83,13 @@ void KTDirtyFlagHandler::setDirty(const char* id, bool dirty) {
   KTSemaphore semaphore(lockName, true);
   if (!lockSet(semaphore)) return;
   catchUp();
-  const bool changed = dirty ? dirtySet.insert(id).second : dirtySet.erase(id) > 0;
+  const std::string mark = safety::markOf(id);
+  const bool changed = dirty ? dirtySet.insert(mark).second : dirtySet.erase(mark) > 0;
   if (!changed) return;
   if (dirty)
-    unsaved.insert(id);
+    unsaved.insert(mark);
   else
-    unsaved.erase(id);
+    unsaved.erase(mark);
   writeSetFile();
 }
 

@@ -70,17 +70,13 @@ class KTRepositoryHandler::FruitlessRounds {
     return rounds >= kMostFruitlessRounds && giveUp();
   }
 
-  // To be asked then. True, once logged, when the round was fruitless and the next would be the same again.
+  // To be asked then. True, once logged, when the round was fruitless and the next would try nothing else.
   bool repeats(const Candidates& tried, const Candidates& next) {
     return rounds > 0 && safety::endsRepeatedRounds() &&
-           std::equal(tried.begin(), tried.end(), next.begin(), next.end(), isSame) && giveUp();
+           std::includes(tried.begin(), tried.end(), next.begin(), next.end(), ltres()) && giveUp();
   }
 
  private:
-  static bool isSame(const ResourceEntry& a, const ResourceEntry& b) {
-    return a.path == b.path && a.lastAccessTime == b.lastAccessTime;
-  }
-
   bool giveUp() {
     progress.gaveUp = true;
     rh_logger.errorLog("CheckOverload gives up on %s: nothing could be moved or deleted", place.c_str());
@@ -172,7 +168,7 @@ bool KTRepositoryHandler::deleteOldest(const KTMountPointHandler* mount, Candida
     rh_logger.debugLog("Clearing is not enough...");
     const Candidates tried = std::exchange(oldest, {});
     const int found = getGlobalOldestResources(&oldest);
-    if (found >= 1 && sweeps.repeats(tried, oldest)) return false;
+    if (sweeps.repeats(tried, oldest)) return false;
     if (found < 1) {
       rh_logger.debugLog("No other resources found to be deleted...");
       say(verbose, "No other resources found to be deleted...");

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <utime.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -174,6 +175,12 @@ void logDebug(const std::string& text) {
 }
 
 bool replacesStateFiles() { return isOn(); }
+
+std::string markOf(const char* id) {
+  std::string mark(id);
+  if (isOn()) std::replace(mark.begin(), mark.end(), '\n', '/');
+  return mark;
+}
 
 bool marksResources() { return isOn(); }
 

@@ -50,6 +50,9 @@ void logDebug(const std::string& text);
 // Whether state files are written beside themselves and renamed when they are on the disk (see replaceFile), rather
 // than over themselves; the dirty set then is what its file says, not what this process once read.
 bool replacesStateFiles();
+// The line of the dirty set that stands for an id: the id, whatever it holds; safe: with a "/", which no resource has in
+// its name, for each line feed, so that it is one line.
+std::string markOf(const char* id);
 
 // What the balancer marks as dirty: the path of the copy, or the resource's id, under which look-ups ask; then it is
 // marked while it is moved, too: should the process be killed, a look-up finds both copies and joins them.
