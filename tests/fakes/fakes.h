@@ -136,6 +136,8 @@ class CallWatch {
   std::vector<std::string> locks;
   // "FUNCTION PATH" of every call, failed or not, before it is made.
   std::vector<std::string> calls;
+  // Called at each of them, when it is set.
+  std::function<void(const std::string& function)> onCall;
 
   static void note(const char* function, const char* path);
   static void noteLock(char sign, const char* path);

@@ -97,6 +97,11 @@ struct statvfs spaceOf(const std::string& directory) {
   return space;
 }
 
+// xfs's request to go down at once, which ext4 took over, and what it may still write then.
+constexpr unsigned long kGoDown = _IOR('X', 125, __u32);
+constexpr __u32 kWriteJournal = 1;
+constexpr __u32 kWriteNothing = 2;
+
 constexpr off_t kSmallestStep = 64 * 1024;  // bytes of ballast
 
 double usedOf(const struct statvfs& space) {
@@ -132,12 +137,15 @@ RealDisks::~RealDisks() {
 }
 
 void RealDisks::mountAt(const std::string& directory) {
-  const std::string size = std::to_string(makingOf(kind).mebibytes) + "m";
-  if (kind == DiskKind::tmpfs)
+  if (kind == DiskKind::tmpfs) {
+    const std::string size = std::to_string(makingOf(kind).mebibytes) + "m";
     mountOrRefuse("disk", directory, "tmpfs", 0, "size=" + size);
-  else
-    mountImage(directory);
-  disks.push_back({directory, directory});
+    disks.push_back({directory, directory, ""});
+  } else {
+    const std::string image = newImage();
+    mountImage(image, directory);
+    disks.push_back({directory, directory, image});
+  }
 }
 
 void RealDisks::takeAway(const std::string& directory) {
@@ -155,18 +163,39 @@ void RealDisks::setReadOnly(const std::string& directory, bool readOnly) {
   mountOrRefuse("disk", diskOf(directory).place, nullptr, flags, "");
 }
 
+void RealDisks::cutPower(const std::string& directory, bool metadataFirst) {
+  const Disk& disk = diskOf(directory);
+  if (kind == DiskKind::btrfs) return run({"cp", "--sparse=always", disk.image.c_str()}, disk.image + ".cut");
+  const Descriptor root(disk.place, O_RDONLY | O_DIRECTORY);
+  const __u32 written = metadataFirst ? kWriteJournal : kWriteNothing;
+  if (ioctl(root, kGoDown, &written) != 0) refused("cut the power of " + directory);
+}
+
+void RealDisks::restorePower(const std::string& directory) {
+  const Disk& disk = diskOf(directory);
+  unmount(disk.place);
+  if (kind == DiskKind::btrfs && rename((disk.image + ".cut").c_str(), disk.image.c_str()) != 0)
+    refused("put back what was on " + directory);
+  mountImage(disk.image, disk.place);
+}
+
 RealDisks::Disk& RealDisks::diskOf(const std::string& directory) {
   for (Disk& disk : disks)
     if (disk.directory == directory) return disk;
   throw std::runtime_error("no disk was mounted on " + directory);
 }
 
-void RealDisks::mountImage(const std::string& directory) {
+std::string RealDisks::newImage() {
   const Making& making = makingOf(kind);
   const std::string path = images / "disk" + std::to_string(disks.size());
   const Descriptor image(path, O_RDWR | O_CREAT | O_EXCL);
   if (ftruncate(image, making.mebibytes * kMebibyte) != 0) refused("make an image of a disk");
   run(making.mkfs, path);
+  return path;
+}
+
+void RealDisks::mountImage(const std::string& path, const std::string& directory) {
+  const Descriptor image(path, O_RDWR);
   const Descriptor control("/dev/loop-control", O_RDWR);
   while (true) {
     const int number = ioctl(control, LOOP_CTL_GET_FREE);
@@ -180,7 +209,7 @@ void RealDisks::mountImage(const std::string& directory) {
       if (errno == EBUSY) continue;  // another process was faster
       refused("attach an image to " + device);
     }
-    return mountOrRefuse(device, directory, making.name, 0, "");  // the mount holds the device from here on
+    return mountOrRefuse(device, directory, nameOf(kind), 0, "");  // the mount holds the device from here on
   }
 }
 

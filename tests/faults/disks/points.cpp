@@ -1,0 +1,65 @@
+#include "points.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <set>
+
+namespace {
+
+bool changesFiles(const std::string& function) {
+  static const std::set<std::string> functions = {"mkdir",  "rename", "renameat2", "unlink",
+                                                  "remove", "rmdir",  "syncfs",    "utime"};
+  return functions.count(function) > 0;
+}
+
+bool begins(const std::string& text, const std::string& beginning) { return text.rfind(beginning, 0) == 0; }
+
+}  // namespace
+
+Points::Points(unsigned int stop, const std::function<void()>& onStop) : stopAt(stop), stopped(onStop) {
+  shell.answer = [this](const std::string& command) { return run(command); };
+  calls.onCall = [this](const std::string& function) {
+    if (changesFiles(function)) pass();
+  };
+}
+
+void Points::pass() {
+  if (number++ == stopAt) stopped();
+}
+
+// A copy ends at its first 64 KiB, a removal behind the first file. Only where the operation does not go on: a copy
+// that was begun would change what the command does.
+void Points::passInTheMiddleOf(const std::string& command) {
+  if (number == stopAt) {
+    if (begins(command, "cp ")) FakeShell::runReal("exec 2>/dev/null; ulimit -c 0; ulimit -f 128; " + command);
+    if (begins(command, "rm ")) FakeShell::runReal(command + "/first");
+  }
+  pass();
+}
+
+int Points::run(const std::string& command) {
+  pass();
+  if (begins(command, "cp ") || begins(command, "rm ")) passInTheMiddleOf(command);
+  const int status = FakeShell::runReal(command);
+  pass();
+  return status;
+}
+
+// Calls that the fakes do not know.
+extern "C" {
+
+int syncfs(int descriptor) noexcept {
+  CallWatch::note("syncfs", std::to_string(descriptor).c_str());
+  static const auto real = realFunction<int (*)(int)>("syncfs");
+  return real(descriptor);
+}
+
+int renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned int flags) noexcept {
+  CallWatch::note("renameat2", from);
+  static const auto real = realFunction<int (*)(int, const char*, int, const char*, unsigned int)>("renameat2");
+  return real(fromDirectory, from, toDirectory, to, flags);
+}
+}
