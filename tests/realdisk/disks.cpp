@@ -90,8 +90,7 @@ void mountOrRefuse(const std::string& source, const std::string& target, const c
 
 struct statvfs spaceOf(const std::string& directory) {
   static const auto realStatvfs = realFunction<int (*)(const char*, struct statvfs*)>("statvfs");
-  const Descriptor disk(directory, O_RDONLY | O_DIRECTORY);
-  if (syncfs(disk) != 0) refused("write out " + directory);
+  if (!RealDisks::writeOut(directory)) refused("write out " + directory);
   struct statvfs space;
   if (realStatvfs(directory.c_str(), &space) != 0) refused("measure " + directory);
   return space;
@@ -142,10 +141,15 @@ void RealDisks::mountAt(const std::string& directory) {
     mountOrRefuse("disk", directory, "tmpfs", 0, "size=" + size);
     disks.push_back({directory, directory, ""});
   } else {
-    const std::string image = newImage();
-    mountImage(image, directory);
-    disks.push_back({directory, directory, image});
+    mountAt(directory, [](const std::string& image) { return image; });
   }
+}
+
+void RealDisks::mountAt(const std::string& directory,
+                        const std::function<std::string(const std::string& image)>& served) {
+  const std::string image = newImage();
+  mountImage(served(image), directory);
+  disks.push_back({directory, directory, image});
 }
 
 void RealDisks::takeAway(const std::string& directory) {
@@ -174,9 +178,14 @@ void RealDisks::cutPower(const std::string& directory, bool metadataFirst) {
 void RealDisks::restorePower(const std::string& directory) {
   const Disk& disk = diskOf(directory);
   unmount(disk.place);
-  if (kind == DiskKind::btrfs && rename((disk.image + ".cut").c_str(), disk.image.c_str()) != 0)
-    refused("put back what was on " + directory);
+  const std::string cut = disk.image + ".cut";
+  if (isThere(cut) && rename(cut.c_str(), disk.image.c_str()) != 0) refused("put back what was on " + directory);
   mountImage(disk.image, disk.place);
+}
+
+bool RealDisks::writeOut(const std::string& directory) {
+  const Descriptor disk(directory, O_RDONLY | O_DIRECTORY);
+  return syncfs(disk) == 0;
 }
 
 RealDisks::Disk& RealDisks::diskOf(const std::string& directory) {

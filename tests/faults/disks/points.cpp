@@ -1,4 +1,4 @@
-#include "points.h"
+#include "faults/disks/points.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -19,7 +19,8 @@ bool begins(const std::string& text, const std::string& beginning) { return text
 
 }  // namespace
 
-Points::Points(unsigned int stop, const std::function<void()>& onStop) : stopAt(stop), stopped(onStop) {
+Points::Points(Interruption interruption, unsigned int stop, const std::function<void()>& onStop)
+    : kind(interruption), stopAt(stop), stopped(onStop) {
   shell.answer = [this](const std::string& command) { return run(command); };
   calls.onCall = [this](const std::string& function) {
     if (changesFiles(function)) pass();
@@ -30,9 +31,9 @@ void Points::pass() {
   if (number++ == stopAt) stopped();
 }
 
-// A copy ends at its first 64 KiB, a removal behind the first file. Only where the operation does not go on: a copy
-// that was begun would change what the command does.
+// A copy ends at its first 64 KiB, a removal behind the first file.
 void Points::passInTheMiddleOf(const std::string& command) {
+  if (kind != Interruption::ends) return;
   if (number == stopAt) {
     if (begins(command, "cp ")) FakeShell::runReal("exec 2>/dev/null; ulimit -c 0; ulimit -f 128; " + command);
     if (begins(command, "rm ")) FakeShell::runReal(command + "/first");
@@ -42,7 +43,7 @@ void Points::passInTheMiddleOf(const std::string& command) {
 
 int Points::run(const std::string& command) {
   pass();
-  if (begins(command, "cp ") || begins(command, "rm ")) passInTheMiddleOf(command);
+  passInTheMiddleOf(command);
   const int status = FakeShell::runReal(command);
   pass();
   return status;

@@ -8,11 +8,17 @@
 
 #include "fakes/fakes.h"
 
-// While it lives, points are counted from 0, and at the one of number `stop` `onStop` is called, which need not come
-// back. What is copied and removed must be a directory that holds a file "first" of more than 64 KiB, and others.
+// What happens at the point.
+enum class Interruption {
+  ends,   // the operation: `onStop` does not come back
+  passes  // something around it changes, and it goes on; the middle of a command is then no point
+};
+
+// While it lives, points are counted from 0, and at the one of number `stop` `onStop` is called. What is copied and
+// removed must be a directory that holds a file "first" of more than 64 KiB, and others.
 class Points {
  public:
-  Points(unsigned int stop, const std::function<void()>& onStop);
+  Points(Interruption interruption, unsigned int stop, const std::function<void()>& onStop);
 
   void pass();  // one more point, for the end of the operation
   unsigned int passed() const { return number; }
@@ -21,6 +27,7 @@ class Points {
   void passInTheMiddleOf(const std::string& command);
   int run(const std::string& command);
 
+  Interruption kind;
   unsigned int stopAt;
   std::function<void()> stopped;
   unsigned int number = 0;
