@@ -124,22 +124,28 @@ class Hideout {
   const std::string removal;  // made first: a destructor has no memory to ask for
 };
 
-// Brings the whole file system of a directory or file to the disk. False, with errno, when something written to it was
-// lost.
-bool flush(const std::string& path) {
-  const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-  if (descriptor < 0) return false;
-  const int result = syncfs(descriptor);
-  const int failure = errno;
-  close(descriptor);
-  errno = failure;
-  return result == 0;
-}
+// The file system around a path, to be brought to the disk. What it loses of what was written to it is told to whoever
+// had opened it by then, and of all others only to the first who asks: it is opened before anything is written.
+class Disk {
+ public:
+  explicit Disk(const std::string& path) {
+    const OwnedChars parent(baseDir(path.c_str()));
+    descriptor = open(parent.get(), O_RDONLY | O_CLOEXEC);
+  }
+  ~Disk() {
+    const int failure = errno;
+    if (descriptor >= 0) close(descriptor);
+    errno = failure;
+  }
+  Disk(const Disk&) = delete;
+  Disk& operator=(const Disk&) = delete;
 
-bool flushAround(const std::string& path) {
-  const OwnedChars parent(baseDir(path.c_str()));
-  return flush(parent.get());
-}
+  // False, with errno, when something was lost.
+  bool flush() const { return syncfs(descriptor) == 0; }
+
+ private:
+  int descriptor;
+};
 
 // Never over anything: an empty directory there would make way.
 bool renameTo(const std::string& from, const std::string& to) {
@@ -152,16 +158,16 @@ bool renameTo(const std::string& from, const std::string& to) {
   return rename(from.c_str(), to.c_str()) == 0;
 }
 
-int makeCopy(const std::string& origin, const std::string& copy) {
+int makeCopy(const std::string& origin, const std::string& copy, const Disk& disk) {
   if (const int status = run(safety::copyCommand(origin, copy))) return status;
   if (const int status = compareTrees(origin, copy)) return status;
-  return flushAround(copy) ? 0 : kNotMoved;
+  return disk.flush() ? 0 : kNotMoved;
 }
 
 // The copy stands at its place and is on the disk. A failure takes it back.
-bool putInPlace(const std::string& copy, const std::string& destination) {
+bool putInPlace(const std::string& copy, const std::string& destination, const Disk& disk) {
   if (!renameTo(copy, destination)) return false;
-  if (flushAround(destination)) return true;
+  if (disk.flush()) return true;
   const int failure = errno;
   renameTo(destination, copy);
   errno = failure;
@@ -189,8 +195,9 @@ int relocate(const std::string& origin, const std::string& destination) {
   const Hideout copy = Hideout::of(destination);
   const Hideout old = Hideout::of(origin);
   if (!copy.make() || !old.makeIfRoom()) return kNotMoved;
-  if (const int status = makeCopy(origin, copy.path)) return status;
-  if (!putInPlace(copy.path, destination)) return kNotMoved;
+  const Disk disk(copy.path);
+  if (const int status = makeCopy(origin, copy.path, disk)) return status;
+  if (!putInPlace(copy.path, destination, disk)) return kNotMoved;
   if (putAway(origin, old)) return 0;
   const int failure = errno;
   if (old.isMade()) renameTo(destination, copy.path);  // else only a part of the origin may be left: the copy stays
@@ -201,7 +208,8 @@ int relocate(const std::string& origin, const std::string& destination) {
 bool dropEqualCopy(const std::string& origin, const std::string& kept) {
   if (isOneThing(origin, kept)) return false;
   const Hideout old = Hideout::of(origin);
-  return old.makeIfRoom() && compareTrees(origin, kept) == 0 && flushAround(kept) && putAway(origin, old);
+  const Disk disk(kept);
+  return old.makeIfRoom() && compareTrees(origin, kept) == 0 && disk.flush() && putAway(origin, old);
 }
 
 std::vector<std::string> leftCopies(const std::string& mountPath) {

@@ -2,15 +2,20 @@
 // written and gives it back, so that copying and comparing succeed; only bringing it to the disk fails, seconds later
 // or when somebody asks for it.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 #include <optional>
 
 #include "entrypoints.h"
 #include "faults/disks/drainedrepository.h"
 #include "faults/disks/failingimage.h"
+
+namespace fs = std::filesystem;
 
 using testing::Gt;
 using testing::IsEmpty;
@@ -90,6 +95,52 @@ TEST_P(FailingWritesTest, InTheSafeModeFreeMountAnswersThatResourcesAreLeftAndTh
   repository.image->failWrites(true);
   EXPECT_EQ(freeMount_(repository.drained.id(), "d1"), 3);
   for (unsigned int i = 0; i < kResources; ++i) EXPECT_TRUE(repository.drained.isWholeAtOrigin(i)) << i;
+}
+
+// The kernel gives an error of writing back to everyone who had opened the disk before it, and else to the first who
+// asks. Here that is another process, such as a move of another resource to the same disk.
+class WriteFailureSeenByOthers {
+ public:
+  explicit WriteFailureSeenByOthers(const FailingRepository& failing) : repository(failing) {
+    shell.answer = [this](const std::string& command) {
+      const int status = FakeShell::runReal(command);
+      if (command.rfind("cp ", 0) == 0 && !happened) happen();
+      return status;
+    };
+  }
+  bool hasHappened() const { return happened; }
+
+ private:
+  void happen() {
+    happened = true;
+    repository.image->failWrites(true);
+    for (const auto& entry : fs::recursive_directory_iterator(repository.drained.destination()))
+      if (entry.path().filename() == "first" || entry.path().filename() == "second") writeContents(entry.path());
+    repository.image->failWrites(false);
+    EXPECT_FALSE(RealDisks::writeOut(repository.drained.destination()));
+    EXPECT_TRUE(RealDisks::writeOut(repository.drained.destination())) << "the disk works again";
+  }
+
+  // As the kernel does by itself after a while: nobody is told.
+  static void writeContents(const std::string& path) {
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    sync_file_range(file, 0, 0, SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER);
+    close(file);
+  }
+
+  const FailingRepository& repository;
+  bool happened = false;
+  FakeShell shell;
+};
+
+TEST_P(FailingWritesTest, InTheSafeModeAFailureThatAnotherProcessWasToldOfLosesNoResource) {
+  const EnvironmentVariable safe("KT_SAFE", "1");
+  FailingRepository repository(GetParam());
+  const WriteFailureSeenByOthers failure(repository);
+  checkOverload_(repository.drained.id(), false);
+  EXPECT_TRUE(failure.hasHappened());
+  repository.replaceDisk();
+  EXPECT_EQ(repository.drained.lost(), 0U);
 }
 
 }  // namespace
