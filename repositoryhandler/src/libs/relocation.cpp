@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -140,8 +141,14 @@ class Disk {
   Disk(const Disk&) = delete;
   Disk& operator=(const Disk&) = delete;
 
-  // False, with errno, when something was lost.
-  bool flush() const { return syncfs(descriptor) == 0; }
+  // False, with errno, when something was lost. A file system that gave up for an error is read-only from then on, and
+  // has nothing to write, as it says.
+  bool flush() const {
+    struct statvfs space;
+    if (syncfs(descriptor) != 0 || fstatvfs(descriptor, &space) != 0) return false;
+    if (space.f_flag & ST_RDONLY) errno = EROFS;
+    return !(space.f_flag & ST_RDONLY);
+  }
 
  private:
   int descriptor;
