@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -23,10 +22,9 @@
 #include "entrypoints.h"
 #include "fakes/fakes.h"
 #include "support/child.h"
+#include "support/content.h"
 #include "support/repository.h"
 #include "support/results.h"
-
-namespace fs = std::filesystem;
 
 using testing::IsEmpty;
 
@@ -100,32 +98,6 @@ class BoardDisks {
 };
 
 std::string numbered(std::string prefix, unsigned int number) { return prefix.append(std::to_string(number)); }
-
-// What a resource holds, file by file; told from its name and how often it was made.
-std::map<std::string, std::string> contentOf(const std::string& name, unsigned int generation) {
-  const std::string mark = name + "." + std::to_string(generation) + "\n";
-  std::string longer;
-  while (longer.size() < 3000) longer += mark;
-  return {{"head", mark}, {"body", longer}, {"sub/part", "part of " + mark}};
-}
-
-bool writeContent(const std::string& path, const std::string& name, unsigned int generation) {
-  for (const auto& [file, content] : contentOf(name, generation)) {
-    std::error_code failed;
-    if (file.starts_with("sub/")) fs::create_directory(path + "/sub", failed);
-    std::ofstream out(path + "/" + file, std::ios::binary);
-    out << content;
-    if (!out.flush()) return false;
-  }
-  return true;
-}
-
-std::vector<std::string> treeOfContent(const std::string& name, unsigned int generation) {
-  std::vector<std::string> tree = {"sub/"};
-  for (const auto& [file, content] : contentOf(name, generation)) tree.push_back(file + "=" + content);
-  std::sort(tree.begin(), tree.end());
-  return tree;
-}
 
 // One client's work. It alone makes and removes its names, and keeps the record of them; it also looks for the names
 // of others. A resource that was just found is young, so that no pass moves it while it is used; when the client is

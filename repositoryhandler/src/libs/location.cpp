@@ -212,13 +212,13 @@ int KTRepositoryHandler::checkResourceStatus(const char* resource) {
 }
 
 bool KTRepositoryHandler::setTimeProperties(const char* resource, utimbuf* times) {
-  const OwnedChars location(getLocation(resource, nullptr, false, false));
+  const OwnedChars location(getLocation(resource, nullptr, safety::locksForTimes(), false));
   return location && utime(location.get(), times) != -1;
 }
 
 bool KTRepositoryHandler::getTimeProperties(const char* resource, utimbuf* times) {
   KT_ASSERT(times);
-  const OwnedChars location(getLocation(resource, nullptr, false, false));
+  const OwnedChars location(getLocation(resource, nullptr, safety::locksForTimes(), false));
   struct stat found;
   if (!location || myStat(location.get(), &found) != 0) return false;
   times->actime = found.st_atime;

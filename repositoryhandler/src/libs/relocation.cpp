@@ -205,7 +205,8 @@ int relocate(const std::string& origin, const std::string& destination) {
   const Disk disk(copy.path);
   if (const int status = makeCopy(origin, copy.path, disk)) return status;
   if (!putInPlace(copy.path, destination, disk)) return kNotMoved;
-  if (putAway(origin, old)) return 0;
+  // A process of the default mode may have joined the origin to the copy: that is the only one then.
+  if (putAway(origin, old) || !safety::isThere(origin.c_str())) return 0;
   const int failure = errno;
   if (old.isMade()) renameTo(destination, copy.path);  // else only a part of the origin may be left: the copy stays
   errno = failure;

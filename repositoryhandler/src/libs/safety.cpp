@@ -182,6 +182,8 @@ std::string markOf(const char* id) {
   return mark;
 }
 
+bool locksForTimes() { return isOn(); }
+
 bool marksResources() { return isOn(); }
 
 bool endsRepeatedRounds() { return isOn(); }

@@ -54,6 +54,10 @@ bool replacesStateFiles();
 // its name, for each line feed, so that it is one line.
 std::string markOf(const char* id);
 
+// Whether the times of a resource are read and set under its lock. It is marked as dirty while it is moved, and a
+// look-up that joined its copies without the lock would take them from under the move.
+bool locksForTimes();
+
 // What the balancer marks as dirty: the path of the copy, or the resource's id, under which look-ups ask; then it is
 // marked while it is moved, too: should the process be killed, a look-up finds both copies and joins them.
 bool marksResources();
