@@ -78,6 +78,7 @@ class FakeSyslog {
   std::vector<std::string> texts() const;              // of all lines, in order
   std::vector<std::string> texts(int priority) const;  // of the lines of one priority
 
+  bool expands = true;  // false: the text is the format, for formats of which the result is undefined
   std::vector<LogLine> lines;
   std::vector<std::string> events;  // "openlog IDENT OPTION FACILITY", "closelog", "vsyslog PRIORITY TEXT"
 };

@@ -1,10 +1,11 @@
 // A resource's life, whatever its id: made, looked up, listed, moved, looked up again, removed, in both modes. The
-// input is "d" (default), "s" (safe) or "S" (safe, with the real shell), then "p" (moved by a pass) or "f" (moved by
-// freeing the mount), then the id. An id that names one resource must live that life; any other may be refused, but
-// nothing outside the mounts may change, no lock may stay, and every answer must be one of those described.
+// input is "d" (default) or "s" (safe), then "p" (moved by a pass) or "f" (moved by freeing the mount), then the id. An
+// id that names one resource must live that life; any other may be refused, but nothing outside the mounts may change,
+// no lock may stay, and every answer must be one of those described.
 //
-// No shell sees an id of the default mode, nor of "s": the commands are taken apart here, for the safe mode by the
-// shell's rules of quoting, and done by this process. A command that names anything outside the mounts is a finding.
+// No shell sees an id of the default mode. The commands are taken apart here, for the safe mode by the shell's rules of
+// quoting, and done by this process. A command that names anything outside the mounts is a finding. In the safe mode
+// the first run, that of an input which is looked at alone, and some of the later ones do it all again with the shell.
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -269,14 +270,9 @@ extern "C" int statvfs(const char* path, struct statvfs* out) noexcept {
   return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size < 2) return 0;
-  ground();
-  setSafeMode(data[0] != 'd');
-  realShell = data[0] == 'S';
-  const bool byPass = data[1] == 'p';
-  const std::string bytes(reinterpret_cast<const char*>(data) + 2, size - 2);
-  const std::string id = bytes.c_str();
+namespace {
+
+void tryOnce(const std::string& id, bool byPass) {
   std::string name;
   if (namesOne(id, name)) {
     live(id, name, byPass);
@@ -288,6 +284,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     clear(ground().second);
   }
   requireNothingElse();
-  if (realShell) requireChildrenGone();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  constexpr int kRunsBetweenShells = 100;
+  static int runs = 0;
+  if (size < 2) return 0;
+  setSafeMode(data[0] != 'd');
+  const bool byPass = data[1] == 'p';
+  const std::string bytes(reinterpret_cast<const char*>(data) + 2, size - 2);
+  const std::string id = bytes.c_str();
+  ground();
+  tryOnce(id, byPass);
+  if (!isSafeMode() || runs++ % kRunsBetweenShells != 0) return 0;
+  realShell = true;
+  tryOnce(id, byPass);
+  realShell = false;
+  requireChildrenGone();
   return 0;
 }
