@@ -42,7 +42,7 @@ class Ground {
       : safeVariable("KT_SAFE", mode == kSafe ? "1" : "0"),
         repository({"m1", "m2"}, "nomoveTime=0\n"),
         current((makeDirectories(currentPath()), currentPath())) {
-    log.expands = mode == kSafe;
+    log.expandsFormats = false;
     setUsed(10);
     disks.setUsed(repository.mount(1), 10);
     writeFile(outside() + "/bystander", "kept");
@@ -237,6 +237,10 @@ const FlatRow kFlatRows[] = {
       "nothing"}},
     {"Path", "a/b", kNoResource},
     {"PathUp", "../a", kNoResource},
+    {"SlashesAround",
+     "/a/",
+     {"null, 4", "/rep/m1/BC/6J/AJ/a, 0", "/rep/m1/BC/6J/AJ/a, 0", "/rep/m1/BC/6J/AJ/a, 0", "0", "1", "1", "{ \"a\" }",
+      "0", "null, 4", "nothing"}},
     {"Bytes255", kLongest, kNotLocked},
     {"Bytes256", kTooLong, kNotLocked},
     {"Blank", " ", kOrdinary},

@@ -78,7 +78,8 @@ class FakeSyslog {
   std::vector<std::string> texts() const;              // of all lines, in order
   std::vector<std::string> texts(int priority) const;  // of the lines of one priority
 
-  bool expands = true;  // false: the text is the format, for formats of which the result is undefined
+  bool expandsFormats =
+      true;  // false: of a format other than "%s", of which the result may be undefined, it is the text
   std::vector<LogLine> lines;
   std::vector<std::string> events;  // "openlog IDENT OPTION FACILITY", "closelog", "vsyslog PRIORITY TEXT"
 };
