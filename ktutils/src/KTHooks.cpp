@@ -1,3 +1,3 @@
 #include "KTHooks.h"
 
-constinit KTHooks ktHooks = {nullptr, nullptr, nullptr};
+constinit KTHooks ktHooks = {};

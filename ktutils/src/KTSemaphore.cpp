@@ -73,17 +73,21 @@ KTSemaphore::~KTSemaphore() noexcept(false) {  // NOLINT(bugprone-exception-esca
 }
 
 bool KTSemaphore::lockResource() {
-  if (!makeLockFile()) {
-    if (!ktHooks.lockTakenOver || !ktHooks.lockTakenOver(lockFile)) return false;
-  } else if (ktHooks.lockMade) {
-    ktHooks.lockMade(lockFile);
-  }
+  if (!makeLockFile() && !(ktHooks.lockTakenOver && ktHooks.lockTakenOver(lockFile))) return false;
   locked = true;
   return true;
 }
 
 // False when it is there already.
 bool KTSemaphore::makeLockFile() const {
+  if (ktHooks.makeLock)
+    if (const auto made = ktHooks.makeLock(lockFile)) return *made;
+  if (!makePlainFile()) return false;
+  if (ktHooks.lockMade) ktHooks.lockMade(lockFile);
+  return true;
+}
+
+bool KTSemaphore::makePlainFile() const {
   errno = 0;
   const int descriptor = open(lockFile.c_str(), O_RDONLY | O_CREAT | O_EXCL, kLockFileMode);
   if (descriptor >= 0) {
@@ -108,6 +112,8 @@ bool KTSemaphore::lock(int timeout) {
 void KTSemaphore::unlock() {
   if (!locked && !lockedElsewhere) return;
   errno = 0;
-  if (unlink(lockFile.c_str()) != 0 && errno != ENOENT) throw ioFailure("Releasing semaphore failed: ", name);
+  if (unlink(lockFile.c_str()) != 0 && errno != ENOENT &&
+      !(ktHooks.lockRemovedAfterAll && ktHooks.lockRemovedAfterAll(lockFile)))
+    throw ioFailure("Releasing semaphore failed: ", name);
   locked = false;
 }

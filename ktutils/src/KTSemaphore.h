@@ -45,6 +45,7 @@ class KT_API KTSemaphore {
 
  private:
   KT_LOCAL bool makeLockFile() const;
+  KT_LOCAL bool makePlainFile() const;
 
   std::string lockFile;  // its path
 

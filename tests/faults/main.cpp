@@ -28,9 +28,9 @@ namespace {
 
 constexpr const char* kPinned = KT_SOURCE_DIRECTORY "/tests/faults/pinned.txt";
 
-const std::map<std::string, Sweep> kSweeps = {{"errors", Sweep::errors},         {"reads", Sweep::reads},
-                                              {"kill", Sweep::kill},             {"takeover", Sweep::takeover},
-                                              {"doublekill", Sweep::doubleKill}, {"memory", Sweep::memory}};
+const std::map<std::string, Sweep> kSweeps = {
+    {"errors", Sweep::errors},     {"reads", Sweep::reads},           {"kill", Sweep::kill},
+    {"takeover", Sweep::takeover}, {"doublekill", Sweep::doubleKill}, {"memory", Sweep::memory}};
 const std::map<std::string, bool> kModes = {{"default", false}, {"safe", true}};
 const std::map<std::string, int> kErrors = {
     {"ENOSPC", ENOSPC}, {"EIO", EIO},       {"EACCES", EACCES}, {"EROFS", EROFS},   {"EINTR", EINTR},
@@ -130,8 +130,8 @@ class Enumeration {
   }
 
   void noteKind(const std::string& call, const std::string& invariant, const Case& which) {
-    const std::string kind = nameOf(kSweeps, sweep) + " " + scenario.name + " " + nameOf(kModes, safe) + " " + call +
-                             " " + invariant;
+    const std::string kind =
+        nameOf(kSweeps, sweep) + " " + scenario.name + " " + nameOf(kModes, safe) + " " + call + " " + invariant;
     if (found.emplace(kind, textOf(which)).second && pinned().count(kind) == 0)
       printf("%s\n    --replay=%s\n", kind.c_str(), textOf(which).c_str());
   }

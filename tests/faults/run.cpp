@@ -5,12 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <new>
 
@@ -62,14 +64,20 @@ class SharedReport {
 
 void copyText(char (&to)[PATH_MAX], const std::string& text) { to[text.copy(to, PATH_MAX - 1)] = '\0'; }
 
+std::string bytesOf(const std::string& path) {
+  std::string bytes(static_cast<size_t>(fs::file_size(path)), '\0');
+  std::ifstream(path, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return bytes;
+}
+
 Contents contentsOf(const std::string& path) {
   Contents contents;
   if (!fs::is_directory(path)) {
-    if (fs::exists(path)) contents[""] = readFile(path);
+    if (fs::exists(path)) contents[""] = bytesOf(path);
     return contents;
   }
   for (const auto& entry : fs::recursive_directory_iterator(path))
-    if (entry.is_regular_file()) contents[fs::relative(entry.path(), path)] = readFile(entry.path());
+    if (entry.is_regular_file()) contents[entry.path().string().substr(path.size() + 1)] = bytesOf(entry.path());
   return contents;
 }
 
@@ -182,8 +190,8 @@ class Run {
     if (seen.childrenLeft) broken("I8", "a child is left");
     if (report->descriptorsAfter > report->descriptorsBefore) broken("I8", "a descriptor is left");
     if (report->kept > 0) broken("I8", std::to_string(report->kept) + " blocks of memory are left");
-    // A lock file whose removal is refused for ever stays, whoever tries.
-    const bool mustStay = seen.removalRefused && which.fault.strike == Strike::onwards;
+    // A lock file whose removal is refused for ever stays, whoever tries, and one that is said to be gone is left.
+    const bool mustStay = seen.removalRefused && (which.fault.strike == Strike::onwards || which.fault.error == ENOENT);
     if (!mustStay)
       for (const auto& entry : fs::directory_iterator(ground.locks())) broken("I4", entry.path().filename());
   }
@@ -218,13 +226,14 @@ class Run {
 
   // What is being joined is whole as long as each file is complete somewhere.
   bool isWhole(const Resource& resource) const {
-    const auto places = placesOf(resource);
-    if (!scenario.joins || &resource != &scenario.resources.front())
-      return std::any_of(places.begin(), places.end(), [&](const auto& path) { return isCompleteAt(path, resource); });
-    return std::all_of(resource.contents.begin(), resource.contents.end(), [&](const auto& file) {
-      return std::any_of(places.begin(), places.end(),
-                         [&](const auto& path) { return holds(contentsOf(path), {file}); });
-    });
+    std::vector<Contents> copies;
+    for (const std::string& path : placesOf(resource)) copies.push_back(contentsOf(path));
+    const auto isSomewhere = [&](const Contents& wanted) {
+      return std::any_of(copies.begin(), copies.end(), [&](const Contents& copy) { return holds(copy, wanted); });
+    };
+    if (!scenario.joins || &resource != &scenario.resources.front()) return isSomewhere(resource.contents);
+    return std::all_of(resource.contents.begin(), resource.contents.end(),
+                       [&](const auto& file) { return isSomewhere({file}); });
   }
 
   void judgeOutside() {
@@ -285,8 +294,7 @@ class Run {
     if (which.sweep != Sweep::takeover) removeLocks();
     const Observed repaired = runAlone([&] {
       repair();
-      for (size_t i = 0; i < scenario.resources.size(); ++i)
-        copyText(report->found[i], found(scenario.resources[i]));
+      for (size_t i = 0; i < scenario.resources.size(); ++i) copyText(report->found[i], found(scenario.resources[i]));
       report->recovered = true;
     });
     if (isHung(repaired)) broken("I9", "the recovery does not end");

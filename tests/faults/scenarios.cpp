@@ -183,12 +183,11 @@ Scenario freshMove() {
 
 // Of a resource one part of which is there already; its mark lets a look-up join what is left.
 Scenario mergeMove() {
-  Scenario made = scenario(
-      "mergeMove", makeDirtyHalves,
-      [](const Ground& ground) {
-        return Answer{moveRes(ground.place(0, kId).c_str(), ground.place(1, kId).c_str()), ""};
-      },
-      {{kId, kJoined}, kBystander}, {0, 2, 8});
+  Scenario made = scenario("mergeMove", makeDirtyHalves,
+                           [](const Ground& ground) {
+                             return Answer{moveRes(ground.place(0, kId).c_str(), ground.place(1, kId).c_str()), ""};
+                           },
+                           {{kId, kJoined}, kBystander}, {0, 2, 8});
   made.marks = {kKeptMark, kId};
   made.joins = true;
   return made;
@@ -279,10 +278,10 @@ std::string Ground::place(int number, const std::string& id) const {
 }
 
 const std::vector<Scenario>& scenarios() {
-  static const std::vector<Scenario> all = {
-      createLocation(), createDirectory(), lookUpClean(), lookUpJoining(), legacyImport(),
-      removal(),        setDirty(),        freshMove(),   mergeMove(),     passDeleting(),
-      passMoving(),     makeEmpty(),       countingSize(), logWriter()};
+  static const std::vector<Scenario> all = {createLocation(), createDirectory(), lookUpClean(), lookUpJoining(),
+                                            legacyImport(),   removal(),         setDirty(),    freshMove(),
+                                            mergeMove(),      passDeleting(),    passMoving(),  makeEmpty(),
+                                            countingSize(),   logWriter()};
   return all;
 }
 

@@ -78,8 +78,7 @@ int installFilter(bool withReading) {
   std::vector<sock_filter> program = filterOf(withReading);
   const sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) fail("prctl");
-  const long listener =
-      syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter);
+  const long listener = syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter);
   if (listener < 0) fail("seccomp");
   return static_cast<int>(listener);
 }
@@ -137,7 +136,9 @@ std::string pathOf(const seccomp_notif& told, const Call& call) {
   const auto process = static_cast<pid_t>(told.pid);
   if (call.path == kNoFile) return "";
   if (call.path == kDescriptor) return fileBehind(process, told.data.args[0]);
-  return textAt(process, told.data.args[call.path]);
+  const std::string path = textAt(process, told.data.args[call.path]);
+  const bool belowDescriptor = call.path == 1 && !path.empty() && path[0] != '/';
+  return belowDescriptor ? fileBehind(process, told.data.args[0]) + "/" + path : path;
 }
 
 // Which of the small files it is; empty: a resource, a directory.

@@ -17,6 +17,7 @@
 
 namespace {
 
+constexpr mode_t kLockFileMode = 0660;  // as KTSemaphore makes them
 constexpr size_t kMostBytes = 1023;  // of what is read; an owner is shorter
 
 class Descriptor {
@@ -122,6 +123,17 @@ bool isOfGoneProcess(int descriptor, const Owner& self, Owner& owner) {
 }
 
 }  // namespace
+
+std::optional<bool> makeSignedLock(const std::string& lockFile) {
+  if (access(lockFile.c_str(), F_OK) == 0) return false;  // as while it is waited for: without the work below
+  const std::string directory = lockFile.substr(0, lockFile.rfind('/'));
+  const Descriptor file(open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kLockFileMode));
+  if (file.number < 0 || !write(file.number, thisProcess())) return std::nullopt;
+  const std::string nameless = "/proc/self/fd/" + std::to_string(file.number);
+  if (linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, lockFile.c_str(), AT_SYMLINK_FOLLOW) == 0) return true;
+  if (errno == EEXIST) return false;
+  return std::nullopt;
+}
 
 void signLock(const std::string& lockFile) {
   const Descriptor file(open(lockFile.c_str(), O_WRONLY | O_CLOEXEC));
