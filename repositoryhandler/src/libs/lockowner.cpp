@@ -18,7 +18,7 @@
 namespace {
 
 constexpr mode_t kLockFileMode = 0660;  // as KTSemaphore makes them
-constexpr size_t kMostBytes = 1023;  // of what is read; an owner is shorter
+constexpr size_t kMostBytes = 1023;     // of what is read; an owner is shorter
 
 class Descriptor {
  public:

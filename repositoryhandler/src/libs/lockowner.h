@@ -9,12 +9,12 @@
 #include <string>
 
 // Makes a lock file that names the calling process from its first moment: a process that is killed meanwhile leaves
-// nothing, or a lock that can be taken over. False: the lock is held; none: the file system of the lock directory has no
-// files without a name, or another step failed, and nothing was made.
+// nothing, or a lock that can be taken over. False: the lock is held; none: the file system of the lock directory has
+// no files without a name, or another step failed, and nothing was made.
 std::optional<bool> makeSignedLock(const std::string& lockFile);
 
-// For a lock made in two steps: writes the calling process into the lock file that it has just made. Where that fails the lock is held all the same,
-// and is one that nobody can take over.
+// For a lock made in two steps: writes the calling process into the lock file that it has just made. Where that fails
+// the lock is held all the same, and is one that nobody can take over.
 void signLock(const std::string& lockFile);
 
 // Makes a lock the calling process's whose holder is provably gone: it ran under the kernel that runs now, and in the

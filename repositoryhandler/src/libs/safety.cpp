@@ -4,11 +4,8 @@
 #include <unistd.h>
 #include <utime.h>
 
-<<<<<<< HEAD
 #include <algorithm>
-=======
 #include <cerrno>
->>>>>>> d3fad5e (lockowner: A safe lock names its holder from its first moment; faults: Enumerate errors, kills, allocations)
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -89,8 +86,11 @@ std::optional<std::string> logText(const char* format, va_list args) {
 }
 
 std::optional<bool> makeLock(const std::string& lockFile) {
-  if (!isOn()) return std::nullopt;
-  return makeSignedLock(lockFile);
+  try {
+    return isOn() ? makeSignedLock(lockFile) : std::nullopt;
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
 }
 
 void lockMade(const std::string& lockFile) {

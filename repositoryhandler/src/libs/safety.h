@@ -50,8 +50,8 @@ void logDebug(const std::string& text);
 // Whether state files are written beside themselves and renamed when they are on the disk (see replaceFile), rather
 // than over themselves; the dirty set then is what its file says, not what this process once read.
 bool replacesStateFiles();
-// The line of the dirty set that stands for an id: the id, whatever it holds; safe: with a "/", which no resource has in
-// its name, for each line feed, so that it is one line.
+// The line of the dirty set that stands for an id: the id, whatever it holds; safe: with a "/", which no resource has
+// in its name, for each line feed, so that it is one line.
 std::string markOf(const char* id);
 
 // Whether the times of a resource are read and set under its lock. It is marked as dirty while it is moved, and a
