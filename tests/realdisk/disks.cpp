@@ -154,9 +154,21 @@ void RealDisks::mountAt(const std::string& directory,
 
 void RealDisks::takeAway(const std::string& directory) {
   Disk& disk = diskOf(directory);
+  move(disk, awayFrom(disk));
+}
+
+void RealDisks::detach(const std::string& directory) {
+  Disk& disk = diskOf(directory);
+  const std::string away = awayFrom(disk);
+  mountOrRefuse(disk.place, away, nullptr, MS_BIND, "");
+  if (umount2(disk.place.c_str(), MNT_DETACH) != 0) refused("detach " + directory);
+  disk.place = away;
+}
+
+std::string RealDisks::awayFrom(const Disk& disk) const {
   const std::string away = images / "away" + std::to_string(&disk - disks.data());
   makeDirectories(away);
-  move(disk, away);
+  return away;
 }
 
 void RealDisks::giveBack(const std::string& directory) { move(diskOf(directory), directory); }

@@ -39,6 +39,8 @@ class RealDisks {
   // The disk goes away with all that is on it, and comes back. What lies below the mount shows meanwhile.
   void takeAway(const std::string& directory);
   void giveBack(const std::string& directory);
+  // As takeAway, in the way of "umount -l": who has opened something there goes on with it.
+  void detach(const std::string& directory);
   void setReadOnly(const std::string& directory, bool readOnly);
   // The power fails: what the disk has not been given yet never reaches it. With `metadataFirst` it is given what the
   // journal holds, and still no contents of files: ext4 and xfs, which hold both back apart. Who uses the disk is to
@@ -56,6 +58,7 @@ class RealDisks {
   };
 
   Disk& diskOf(const std::string& directory);
+  std::string awayFrom(const Disk& disk) const;
   std::string newImage();
   void mountImage(const std::string& image, const std::string& directory);
   void move(Disk& disk, const std::string& to);

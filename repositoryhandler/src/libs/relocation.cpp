@@ -154,6 +154,15 @@ class Disk {
   int descriptor;
 };
 
+// Where a disk is away, a path of its mount names the directory below the mount point, on another disk: what is moved
+// there is out of reach when the disk is back.
+bool isInService(const std::string& path) {
+  const auto place = placeOf(path);
+  if (!place || exists((place->mountPath + kMountConfig).c_str())) return true;
+  errno = ENODEV;
+  return false;
+}
+
 // Never over anything: an empty directory there would make way.
 bool renameTo(const std::string& from, const std::string& to) {
   if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
@@ -174,7 +183,7 @@ int makeCopy(const std::string& origin, const std::string& copy, const Disk& dis
 // The copy stands at its place and is on the disk. A failure takes it back.
 bool putInPlace(const std::string& copy, const std::string& destination, const Disk& disk) {
   if (!renameTo(copy, destination)) return false;
-  if (disk.flush()) return true;
+  if (disk.flush() && isInService(destination)) return true;
   const int failure = errno;
   renameTo(destination, copy);
   errno = failure;
@@ -199,6 +208,7 @@ bool isOneThing(const std::string& path, const std::string& other) {
 }  // namespace
 
 int relocate(const std::string& origin, const std::string& destination) {
+  if (!isInService(destination)) return kNotMoved;
   const Hideout copy = Hideout::of(destination);
   const Hideout old = Hideout::of(origin);
   if (!copy.make() || !old.makeIfRoom()) return kNotMoved;

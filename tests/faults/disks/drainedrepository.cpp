@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <map>
 
 #include "entrypoints.h"
 
@@ -11,11 +12,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr size_t kFileBytes = 150000;
+constexpr size_t kFileBytes = 80000;
 constexpr time_t kLongAgo = 1000000000;
 
-std::string contentOf(const std::string& name) {
-  std::string content;
+const std::string& contentOf(const std::string& name) {
+  static std::map<std::string, std::string> contents;
+  std::string& content = contents[name];
   for (unsigned int i = 0; content.size() < kFileBytes; ++i) content += name + " " + std::to_string(i * 7919) + "\n";
   return content;
 }
@@ -31,9 +33,10 @@ bool isWhole(const std::string& path, const std::string& id) {
 
 }  // namespace
 
-DrainedRepository::DrainedRepository(DiskKind kind,
-                                     const std::function<std::string(const std::string& image)>& served)
+DrainedRepository::DrainedRepository(DiskKind kind, const std::function<std::string(const std::string& image)>& served)
     : repository({"d1", "d2"}), disks(kind) {
+  // Below the disks there is no configuration, as where no disk is mounted.
+  for (size_t i = 0; i < 2; ++i) unlink((repository.mount(i) + "/repositorypart.cfg").c_str());
   disks.mountAt(origin());
   repository.configureMount(0, "cleanLimit=1\nmoveLimit=2\n");
   if (served)

@@ -24,7 +24,9 @@ class DrainedRepository {
   std::string destination() const { return repository.mount(1); }
 
   // One pass over all points. Returns how many there are.
-  unsigned int balance() { return balance(Interruption::passes, kNever, [] {}); }
+  unsigned int balance() {
+    return balance(Interruption::passes, kNever, [] {});
+  }
   // One pass, interrupted at a point.
   unsigned int balance(Interruption interruption, unsigned int point, const std::function<void()>& onStop);
 

@@ -23,7 +23,8 @@ FailingImage::FailingImage(const std::string& image) : server(-1) {
   if (server == 0) serve(image);
   while (!isThere(file())) {
     if (waitpid(server, nullptr, WNOHANG) == server)
-      throw std::runtime_error("this machine cannot run nbdfuse over nbdkit; they say: " + readFile(scratch / "output"));
+      throw std::runtime_error("this machine cannot run nbdfuse over nbdkit; they say: " +
+                               readFile(scratch / "output"));
     usleep(kMicrosecondsBetween);
   }
 }

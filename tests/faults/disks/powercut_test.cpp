@@ -45,7 +45,9 @@ class CutRepository : public DrainedRepository {
   explicit CutRepository(const Setting& how) : DrainedRepository(how.kind), setting(how) {}
 
   // How many points a pass has.
-  unsigned int points() { return balance(Interruption::ends, ~0U, [] {}); }
+  unsigned int points() {
+    return balance(Interruption::ends, ~0U, [] {});
+  }
 
   // Cuts the power at a point of a pass, and restores it.
   void cutAt(unsigned int point) {
