@@ -151,7 +151,8 @@ class Run {
     };
     seen = memory ? runAlone(body) : supervise(body, which.fault, {which.sweep == Sweep::reads, record});
     outcome.points = memory ? static_cast<unsigned int>(report->allocations) : seen.points;
-    outcome.struck = memory && refused > 0 && refused <= outcome.points ? "allocation" : seen.struck;
+    const bool came = refused > 0 && (report->ending == Ending::none || refused <= report->allocations);
+    outcome.struck = came ? "allocation" : seen.struck;
     outcome.calls = seen.calls;
   }
 

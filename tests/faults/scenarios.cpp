@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "KTOwned.h"
 #include "KTRepositoryHandler.h"
 #include "entrypoints.h"
 #include "hashlayout.h"
@@ -66,8 +67,8 @@ void makeDirtyHalves(const Ground& ground) {
 }
 
 Answer located(char* path, int status) {
-  const Text found = taken(path);
-  return {status, found.value_or("")};
+  const OwnedChars found(path);
+  return {status, found ? found.get() : ""};
 }
 
 Answer lookUp(const Ground& ground) {
@@ -178,7 +179,7 @@ Scenario freshMove() {
       [](const Ground& ground) {
         return Answer{freeMount_(ground.repository().c_str(), "m1"), ""};
       },
-      {{kId, kTree}, kBystander}, {0, 2, 3});
+      {{kId, kTree}, kBystander}, {0, 1, 2, 3});
 }
 
 // Of a resource one part of which is there already; its mark lets a look-up join what is left.

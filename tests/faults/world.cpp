@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <ctime>
 #include <functional>
+#include <string_view>
 
 #include "fakes/fakes.h"
 
@@ -28,7 +29,8 @@ std::vector<Fill>& disks() {
 // By a call that is not watched.
 bool isThere(const std::string& path) { return syscall(SYS_faccessat2, AT_FDCWD, path.c_str(), F_OK, 0) == 0; }
 
-double usedOf(const std::string& mount) {
+// Without an allocation: one may be refused.
+double usedOf(std::string_view mount) {
   for (const Fill& fill : disks()) {
     if (fill.mount != mount) continue;
     double used = fill.base;
@@ -54,7 +56,7 @@ int statvfs(const char* path, struct statvfs* out) noexcept {
   out->f_blocks = kBlocks;
   out->f_bfree = out->f_bavail = available;
   out->f_files = 2000000;
-  out->f_ffree = out->f_favail = 500 + std::hash<std::string>{}(path) % 1000003;  // no two disks look like one
+  out->f_ffree = out->f_favail = 500 + std::hash<std::string_view>{}(path) % 1000003;  // no two disks look like one
   return 0;
 }
 
