@@ -48,6 +48,11 @@ const std::string kLongText(200, 'x');  // no small string
 
 class HooksTest : public testing::Test {
  protected:
+  HooksTest() {
+    KTSemaphore first("first", directory.path(), true);  // the fakes allocate at their first use
+    EXPECT_TRUE(first.lockResource());
+    EXPECT_FALSE(first.lockResource());
+  }
   std::string file() const { return directory / "semaphore_m1"; }
   // A lock file whose holder is gone.
   void leaveDeadLock() const {
@@ -58,8 +63,8 @@ class HooksTest : public testing::Test {
     EXPECT_EQ(child.join(), 0);
   }
 
-  ScratchDirectory directory;
-  EnvironmentVariable safe{"KT_SAFE", "1"};
+  const ScratchDirectory directory;
+  const EnvironmentVariable safe{"KT_SAFE", "1"};
 };
 
 }  // namespace
