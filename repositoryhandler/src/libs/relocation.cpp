@@ -190,10 +190,21 @@ bool putInPlace(const std::string& copy, const std::string& destination, const D
   return false;
 }
 
-// Whole and at once; the hideout removes it at its end. In a directory that is listed flat it would be taken for a
-// resource, and on a full disk there may be no hideout: there it is removed where it is.
+// Whole and at once, and on the disk: after a power cut it would stand beside its copy, when no mark tells of the two
+// any more. The hideout removes it at its end. A failure takes it back.
+bool hideAway(const std::string& origin, const std::string& old) {
+  if (!renameTo(origin, old)) return false;
+  if (flushAround(origin)) return true;
+  const int failure = errno;
+  const bool isBack = renameTo(old, origin);
+  errno = failure;
+  return !isBack;
+}
+
+// In a directory that is listed flat it would be taken for a resource, and on a full disk there may be no hideout:
+// there it is removed where it is.
 bool putAway(const std::string& origin, const Hideout& old) {
-  if (old.isMade()) return renameTo(origin, old.path);
+  if (old.isMade()) return hideAway(origin, old.path);
   run(safety::removeCommand(origin));
   return !safety::isThere(origin.c_str());
 }
