@@ -231,13 +231,15 @@ TEST_F(LockOwnerTest, TheNameOfAProcessIsNotTakenForFieldsOfItsStatus) {
   EXPECT_TRUE(take());
 }
 
-TEST_F(LockOwnerTest, ALockOfAnotherKernelOrNamespaceIsNotTakenOver) {
+TEST_F(LockOwnerTest, ALockOfAnotherHostKernelOrNamespaceIsNotTakenOver) {
   const Owner gone = goneOwner();
+  Owner otherHost = gone;
+  otherHost.host += "x";
   Owner otherKernel = gone;
   otherKernel.kernel.back() = otherKernel.kernel.back() == '0' ? '1' : '0';
   Owner otherSpace = gone;
   otherSpace.space += "1";
-  for (const Owner& owner : {otherKernel, otherSpace}) {
+  for (const Owner& owner : {otherHost, otherKernel, otherSpace}) {
     leave(owner.line());
     EXPECT_FALSE(take()) << owner.line();
     EXPECT_EQ(readFile(file()), owner.line());

@@ -67,7 +67,7 @@ std::string runningKernel() {
 }
 
 struct Owner {
-  std::string host;  // for the reader; names of hosts are not unique
+  std::string host;  // of a machine that was copied while it ran the kernel has the same number
   std::string kernel;
   std::string space;
   std::string process;
@@ -97,7 +97,7 @@ bool ownerIn(const std::string& content, Owner& owner) {
 }
 
 bool isGone(const Owner& owner, const Owner& self) {
-  if (owner.kernel != self.kernel || owner.space != self.space) return false;
+  if (owner.host != self.host || owner.kernel != self.kernel || owner.space != self.space) return false;
   const auto process = static_cast<pid_t>(strtol(owner.process.c_str(), nullptr, 10));
   if (process <= 0 || std::to_string(process) != owner.process) return false;  // no process id: the file is damaged
   if (kill(process, 0) != 0 && errno == ESRCH) return true;

@@ -17,9 +17,10 @@ std::optional<bool> makeSignedLock(const std::string& lockFile);
 // the lock is held all the same, and is one that nobody can take over.
 void signLock(const std::string& lockFile);
 
-// Makes a lock the calling process's whose holder is provably gone: it ran under the kernel that runs now, and in the
-// caller's process id namespace, and no process there has its id and the time at which it started. True, and a log
-// line, when it was taken over. The file is never absent meanwhile, and of several callers one succeeds.
+// Makes a lock the calling process's whose holder is provably gone: it ran on this host, under the kernel that runs
+// now, and in the caller's process id namespace, and no process there has its id and the time at which it started.
+// True, and a log line, when it was taken over. The file is never absent meanwhile, and of several callers one
+// succeeds.
 bool takeOverLock(const std::string& lockFile);
 
 #endif

@@ -1,7 +1,7 @@
 // The safe mode's move to a path where nothing is: whoever looks finds the whole resource at the origin or at the
 // destination, whenever a process is killed or the power fails. The copy is made out of sight on the destination's file
-// system, compared, brought to the disk and only then renamed into its place; the origin is renamed out of sight, on the
-// disk too, before it is deleted. Internal to the library. The caller holds the resource's lock, as for every move.
+// system, compared, brought to the disk and only then renamed into its place; the origin is renamed out of sight, on
+// the disk too, before it is deleted. Internal to the library. The caller holds the resource's lock, as for every move.
 
 #ifndef REPOSITORYHANDLER_RELOCATION_H
 #define REPOSITORYHANDLER_RELOCATION_H
