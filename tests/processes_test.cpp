@@ -3,7 +3,6 @@
 // for it.
 
 #include <gmock/gmock.h>
-#include <sys/mman.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <utime.h>
@@ -14,10 +13,8 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <new>
 #include <random>
 #include <sstream>
-#include <stdexcept>
 
 #include "entrypoints.h"
 #include "fakes/fakes.h"
@@ -25,6 +22,7 @@
 #include "support/content.h"
 #include "support/repository.h"
 #include "support/results.h"
+#include "support/shared.h"
 
 using testing::IsEmpty;
 
@@ -36,24 +34,6 @@ constexpr unsigned int kMostStepsOfAClient = 20 * kStepsOfAClient;
 constexpr unsigned int kLeastMoves = 100;
 constexpr unsigned int kNamesOfAClient = 40;
 constexpr time_t kLongAgo = 1000000000;
-
-// Memory that the forked processes share with their parent.
-template <typename Value>
-class Shared {
- public:
-  Shared() {
-    void* memory = mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) throw std::runtime_error("no shared memory");
-    value = new (memory) Value{};
-  }
-  ~Shared() { munmap(value, sizeof(Value)); }
-  Shared(const Shared&) = delete;
-  Shared& operator=(const Shared&) = delete;
-  Value* operator->() const { return value; }
-
- private:
-  Value* value;
-};
 
 // Waits for a lock as always, but with the shortest pause that can be drawn: real pauses of 10 milliseconds, 3000 in
 // the 30 seconds that a lock is waited for.

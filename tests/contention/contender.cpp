@@ -2,6 +2,10 @@
 //
 //   contender REPOSITORY HISTORY WORKER WORKERS OPERATIONS SEED
 //   contender balance REPOSITORY
+//   contender create REPOSITORY NAME
+//   contender free REPOSITORY MOUNT
+//
+// The last two make one call: the path that it gives is printed, the status is the exit status.
 //
 // It makes that many operations, drawn from SEED, and appends to HISTORY what it asked and what came back, each line
 // when it happens, so that a killed process tells what it was about:
@@ -20,6 +24,8 @@
 #include <unistd.h>
 #include <utime.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
@@ -230,12 +236,20 @@ int balance(const char* repository) {
   return 0;
 }
 
+int createOnce(const char* repository, const char* name) {
+  int status = kNotThere;
+  puts(taken(createDirectory_(repository, name, &status, false)).value_or("").c_str());
+  return status;
+}
+
 unsigned int number(const char* text) { return static_cast<unsigned int>(strtoul(text, nullptr, 10)); }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc == 3 && std::string(argv[1]) == "balance") return balance(argv[2]);
+  if (argc == 4 && std::string(argv[1]) == "create") return createOnce(argv[2], argv[3]);
+  if (argc == 4 && std::string(argv[1]) == "free") return freeMount_(argv[2], argv[3]);
   if (argc != 7) return 2;
   Contender contender(argv[1], argv[2], number(argv[3]), number(argv[4]), number(argv[6]));
   while (contender.made() < number(argv[5])) contender.step();

@@ -15,8 +15,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <random>
@@ -24,9 +26,11 @@
 #include "board.h"
 #include "entrypoints.h"
 #include "history.h"
+#include "support/child.h"
 #include "support/content.h"
 #include "support/repository.h"
 #include "support/results.h"
+#include "support/shared.h"
 
 using testing::Contains;
 using testing::HasSubstr;
@@ -64,6 +68,13 @@ long long now() {
 std::unique_ptr<ScratchDirectory> directoryInMemory() {
   const EnvironmentVariable memory("TMPDIR", "/dev/shm");
   return std::make_unique<ScratchDirectory>();
+}
+
+// Half of the processes work in another mount namespace, where that is wanted: on another mount of the same.
+void enterClientOf(unsigned int number) {
+  const char* client = getenv("KT_CONTENTION_CLIENT");
+  if (client && number % 2 == 1 && setns(open(client, O_RDONLY | O_CLOEXEC), CLONE_NEWNS) != 0)
+    throw std::runtime_error(std::string("no other client at ") + client);
 }
 
 class Contention {
@@ -164,8 +175,7 @@ void Contention::start(unsigned int number) {
 void Contention::become(unsigned int number) const {
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  const char* client = getenv("KT_CONTENTION_CLIENT");
-  if (client && number % 2 == 1 && setns(open(client, O_RDONLY | O_CLOEXEC), CLONE_NEWNS) != 0) _exit(122);
+  enterClientOf(number);
   setenv(kNumberVariable, std::to_string(number).c_str(), 1);
   setenv("KT_SAFE", isSafe(number) ? "1" : "0", 1);
   setenv("LD_PRELOAD", KT_CONTENTION_PRELOAD, 1);
@@ -356,6 +366,36 @@ TEST(ContentionKillsTest, OneCompleteCopyStaysAndLocksOfKilledProcessesAreTakenO
   contendWithKills(Mode::kSafe);
 }
 TEST(ContentionKillsTest, ACompleteCopyStaysWhenHalfOfTheProcessesAreSafe) { contendWithKills(Mode::kMixed); }
+
+// What locks are made of: of two that create a file exclusively one wins, on two mounts of one file system too.
+TEST(ExclusiveCreationTest, OneOfTwoProcessesWins) {
+  constexpr unsigned int kNames = 10000;
+  struct Race {
+    std::atomic<unsigned int> ready;
+    std::atomic<unsigned int> wins[2];
+    std::atomic<unsigned int> winners[kNames];
+  };
+  const ScratchDirectory directory;
+  const Shared<Race> race;
+  std::vector<std::unique_ptr<Child>> children;
+  for (unsigned int number = 0; number < 2; ++number)
+    children.push_back(std::make_unique<Child>([&, number](const Child::Parent&) {
+      enterClientOf(number);
+      for (unsigned int i = 0; i < kNames; ++i) {
+        ++race->ready;
+        while (race->ready < 2 * (i + 1)) usleep(0);  // both begin at once
+        const int file = open((directory / std::to_string(i)).c_str(), O_RDONLY | O_CREAT | O_EXCL, 0660);
+        if (file < 0 && errno == EEXIST) continue;
+        ASSERT_GE(file, 0) << strerror(errno);
+        close(file);
+        ++race->winners[i];
+        ++race->wins[number];
+      }
+    }));
+  for (const auto& child : children) EXPECT_EQ(child->join(), 0);
+  for (unsigned int i = 0; i < kNames; ++i) EXPECT_EQ(race->winners[i], 1U) << i;
+  printf("%u won by the first, %u by the second\n", race->wins[0].load(), race->wins[1].load());
+}
 
 // That the test can fail.
 constexpr unsigned int kFewOperations = 6000;
