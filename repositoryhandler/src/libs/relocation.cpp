@@ -193,8 +193,9 @@ bool putInPlace(const std::string& copy, const std::string& destination, const D
 // Whole and at once, and on the disk: after a power cut it would stand beside its copy, when no mark tells of the two
 // any more. The hideout removes it at its end. A failure takes it back.
 bool hideAway(const std::string& origin, const std::string& old) {
+  const Disk disk(origin);
   if (!renameTo(origin, old)) return false;
-  if (flushAround(origin)) return true;
+  if (disk.flush()) return true;
   const int failure = errno;
   const bool isBack = renameTo(old, origin);
   errno = failure;
