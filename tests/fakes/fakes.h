@@ -78,8 +78,8 @@ class FakeSyslog {
   std::vector<std::string> texts() const;              // of all lines, in order
   std::vector<std::string> texts(int priority) const;  // of the lines of one priority
 
-  bool expandsFormats =
-      true;  // false: of a format other than "%s", of which the result may be undefined, it is the text
+  // False: a format other than "%s" is the text itself, since what it would expand to may be undefined.
+  bool expandsFormats = true;
   std::vector<LogLine> lines;
   std::vector<std::string> events;  // "openlog IDENT OPTION FACILITY", "closelog", "vsyslog PRIORITY TEXT"
 };
