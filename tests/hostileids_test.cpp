@@ -208,7 +208,8 @@ const std::string kTooLong(256, 'x');
 struct FlatRow {
   const char* name;
   std::string id;
-  Lines answers;  // of both modes
+  Lines answers;
+  Lines safeAnswers = answers;
 };
 
 const Lines kOrdinary = {"null, 4", "at its place, 0", "at its place, 0", "at its place, 0", "0", "1", "1", "it",
@@ -221,6 +222,10 @@ const Lines kMount = {"/rep/m1/, 0", "/rep/m1/, 0", "/rep/m1/, 0", "/rep/m1/, 0"
 const std::string kThrown = "throws subDirectory.find( '/' ) == string::npos";
 const Lines kNoResource = {"null, 4", kThrown, kThrown, "null, 4", "4", "0", "0", "nothing", "4", "null, 4", "nothing"};
 
+// What leads to the directories of others is no id in the safe mode.
+const Lines kRefused = {"null, 4", "null, 8", "null, 8", "null, 4", "4",      "0",
+                        "0",       "nothing", "4",       "null, 4", "nothing"};
+
 const FlatRow kFlatRows[] = {
     {"Empty", "", kMount},
     {"Slash", "/", kMount},
@@ -229,12 +234,14 @@ const FlatRow kFlatRows[] = {
     {"Dot",
      ".",
      {"null, 4", "at its place, 0", "at its place, 0", "at its place, 0", "0", "1", "1", "nothing", "8",
-      "at its place, 0", "nothing"}},
+      "at its place, 0", "nothing"},
+     kRefused},
     // The same of the second level.
     {"DotDot",
      "..",
      {"null, 4", "at its place, 0", "at its place, 0", "at its place, 0", "0", "1", "1", "nothing", "8", "null, 4",
-      "nothing"}},
+      "nothing"},
+     kRefused},
     {"Path", "a/b", kNoResource},
     {"PathUp", "../a", kNoResource},
     {"SlashesAround",
@@ -327,11 +334,11 @@ bool isControl(char c) { return static_cast<unsigned char>(c) < ' '; }
 
 }  // namespace
 
-TEST_P(HostileIdTest, IsAnsweredAlikeInBothModes) {
+TEST_P(HostileIdTest, IsAnsweredAlikeInBothModesButForDotsThatTheSafeModeRefuses) {
   for (const Mode mode : {kDefault, kSafe}) {
     SCOPED_TRACE(mode == kSafe ? "safe" : "default");
     const Ground ground(mode);
-    EXPECT_EQ(live(ground, GetParam().id), GetParam().answers);
+    EXPECT_EQ(live(ground, GetParam().id), mode == kSafe ? GetParam().safeAnswers : GetParam().answers);
     EXPECT_THAT(ground.shell.commands, IsEmpty());
     EXPECT_THAT(ground.repository.locksLeft(), IsEmpty());
     EXPECT_THAT(treeOf(ground.outside()), ElementsAre("bystander=kept", "legacy/"));
@@ -357,14 +364,15 @@ TEST_P(HostileIdMoveTest, IsMovedWholeInTheSafeMode) {
 INSTANTIATE_TEST_SUITE_P(EachWay, HostileIdMoveTest, testing::ValuesIn(kMoveRows), nameOf<MoveRow>);
 
 // With an id of several names of the hashed directories' own, look-ups and removals reach what is no such resource.
-TEST(HostileIdHazardTest, RemovingTwoDotsDeletesTheResourcesOfASecondLevelInBothModes) {
+TEST(HostileIdHazardTest, RemovingTwoDotsDeletesTheResourcesOfASecondLevelByDefault) {
   for (const Mode mode : {kDefault, kSafe}) {
     const Ground ground(mode);
-    ASSERT_EQ(create(ground, "..", createLocation_), "at its place, 0");
-    const std::string secondLevel = fs::path(ground.repository.resourcePath(0, "..")).parent_path().parent_path();
-    writeFile(secondLevel + "/AB/neighbour/letter", "");
-    EXPECT_EQ(removeResource_(ground.id(), ".."), 8);
-    EXPECT_FALSE(isThere(secondLevel + "/AB"));
+    const std::string third = fs::path(ground.repository.resourcePath(0, "..")).parent_path();
+    const std::string neighbour = std::string(fs::path(third).parent_path()) + "/AB/neighbour/letter";
+    makeDirectories(third);
+    writeFile(neighbour, "");
+    EXPECT_EQ(removeResource_(ground.id(), ".."), mode == kSafe ? 4 : 8);
+    EXPECT_EQ(isThere(neighbour), mode == kSafe);
   }
 }
 
@@ -399,7 +407,7 @@ TEST(HostileIdHazardTest, AMarkOfAnIdWithALineFeedIsReadAsTwoOthersByDefault) {
   }
 }
 
-// Below the legacy directory an id is a path as it is; both modes follow it out of there.
+// Below the legacy directory an id is a path as it is; only the safe mode does not follow it out of there.
 INSTANTIATE_TEST_SUITE_P(EachMode, HostileLegacyIdTest, testing::Values(kDefault, kSafe),
                          [](const auto& mode) { return mode.param == kSafe ? "Safe" : "Default"; });
 
@@ -425,42 +433,48 @@ TEST_P(HostileLegacyIdTest, IsMadeWhereverItLeads) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.id);
     const Ground ground(GetParam(), true);
-    EXPECT_EQ(taken(createToLegacy_(ground.id(), row.id.c_str())), ground.legacy() + "/" + row.id);
+    const bool refused = GetParam() == kSafe && row.id.starts_with(".");
+    EXPECT_EQ(taken(createToLegacy_(ground.id(), row.id.c_str())),
+              refused ? Text() : Text(ground.legacy() + "/" + row.id));
     Lines outside = treeOf(ground.outside());
     std::erase(outside, "bystander=kept");
     std::erase(outside, "legacy/");
-    EXPECT_EQ(outside, row.made);
+    EXPECT_EQ(outside, refused ? Lines() : row.made);
     EXPECT_THAT(treeOf("."), IsEmpty());
     EXPECT_THAT(ground.shell.commands, IsEmpty());
   }
 }
 
-TEST_P(HostileLegacyIdTest, OfTwoDotsMovesWhatStandsBesideTheLegacyDirectoryWhenLookedUp) {
+TEST_P(HostileLegacyIdTest, OfTwoDotsMovesByDefaultWhatStandsBesideTheLegacyDirectoryWhenLookedUp) {
+  const bool safe = GetParam() == kSafe;
   const Ground ground(GetParam(), true);
-  EXPECT_EQ(lookUp(ground, ".."), "at its place, 0");
-  EXPECT_FALSE(isThere(ground.outside() + "/bystander"));
-  EXPECT_EQ(readFile(ground.repository.resourcePath(0, "..") + "/bystander"), "kept");
+  EXPECT_EQ(lookUp(ground, ".."), safe ? "null, 4" : "at its place, 0");
+  EXPECT_EQ(isThere(ground.outside() + "/bystander"), safe);
+  EXPECT_EQ(readFile(ground.repository.resourcePath(0, "..") + "/bystander"), safe ? "" : "kept");
 }
 
-TEST_P(HostileLegacyIdTest, OfOneDotMovesAllLegacyResourcesToOnePlaceWhenLookedUp) {
+TEST_P(HostileLegacyIdTest, OfOneDotMovesByDefaultAllLegacyResourcesToOnePlaceWhenLookedUp) {
+  const bool safe = GetParam() == kSafe;
   const Ground ground(GetParam(), true);
   writeFile(ground.legacy() + "/2009/letter", "");
-  EXPECT_EQ(lookUp(ground, "."), "at its place, 0");
-  EXPECT_TRUE(isThere(ground.repository.resourcePath(0, ".") + "/2009/letter"));
-  EXPECT_EQ(lookUp(ground, "2009"), "null, 4") << "no look-up finds it there";
+  EXPECT_EQ(lookUp(ground, "."), safe ? "null, 4" : "at its place, 0");
+  EXPECT_EQ(isThere(ground.repository.resourcePath(0, ".") + "/2009/letter"), !safe);
+  EXPECT_EQ(lookUp(ground, "2009"), safe ? "at its place, 0" : "null, 4") << "by default no look-up finds it there";
 }
 
-TEST_P(HostileLegacyIdTest, OfTwoDotsDeletesWhatStandsBesideTheLegacyDirectoryWhenRemoved) {
+TEST_P(HostileLegacyIdTest, OfTwoDotsDeletesByDefaultWhatStandsBesideTheLegacyDirectoryWhenRemoved) {
+  const bool safe = GetParam() == kSafe;
   const Ground ground(GetParam(), true);
-  EXPECT_EQ(removeResource_(ground.id(), ".."), 8);
-  EXPECT_THAT(treeOf(ground.outside()), IsEmpty());
+  EXPECT_EQ(removeResource_(ground.id(), ".."), safe ? 4 : 8);
+  EXPECT_EQ(treeOf(ground.outside()).empty(), !safe);
 }
 
-TEST_P(HostileLegacyIdTest, OfAPathUpIsDeletedOutsideOfTheLegacyDirectory) {
+TEST_P(HostileLegacyIdTest, OfAPathUpIsDeletedByDefaultOutsideOfTheLegacyDirectory) {
+  const bool safe = GetParam() == kSafe;
   const Ground ground(GetParam(), true);
-  EXPECT_EQ(lookUp(ground, "../bystander"), kThrown);
-  EXPECT_EQ(removeResource_(ground.id(), "../bystander"), 0);
-  EXPECT_FALSE(isThere(ground.outside() + "/bystander"));
+  EXPECT_EQ(lookUp(ground, "../bystander"), safe ? "null, 4" : kThrown);
+  EXPECT_EQ(removeResource_(ground.id(), "../bystander"), safe ? 4 : 0);
+  EXPECT_EQ(isThere(ground.outside() + "/bystander"), safe);
   EXPECT_THAT(ground.repository.locksLeft(), IsEmpty());
 }
 

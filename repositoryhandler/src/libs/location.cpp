@@ -42,7 +42,7 @@ char* notCreated(int* result) {
 
 // False for an id of nothing but "/": a path made from it is the directory that holds the resources. Such an
 // id is never deleted, imported or joined.
-bool namesResource(const char* id) { return id[strspn(id, "/")] != '\0'; }
+bool namesResource(const char* id) { return id[strspn(id, "/")] != '\0' && !safety::refuses(id); }
 
 std::string withoutOuterSlashes(const std::string& id) {
   const size_t first = id.find_first_not_of('/');
@@ -123,7 +123,7 @@ char* KTMountPointHandler::createLocation(const char* id, int* result) {
   if (checkStatus(true) == MOUNT_MISSING) return notCreated(result);
   const std::string subDirectory = withoutOuterSlashes(id);
   assertAt(kOneComponent, subDirectory.find('/') == std::string::npos);
-  if (subDirectory.empty()) {  // an id without a name has no place
+  if (subDirectory.empty() || safety::refuses(id)) {  // an id without a name has no place
     logNotMade(mountPath + "/", EINVAL);
     return notCreated(result);
   }
@@ -228,7 +228,7 @@ bool KTRepositoryHandler::getTimeProperties(const char* resource, utimbuf* times
 
 char* KTRepositoryHandler::createToLegacy(const char* resource) {
   KT_ASSERT(resource);
-  if (legacyDir.empty()) return nullptr;
+  if (legacyDir.empty() || safety::refuses(resource)) return nullptr;
   const std::string path = legacyDir + "/" + resource;
   return mkdirs(path.c_str(), kDirectoryMode) == 0 ? mystrdup(path.c_str()) : nullptr;
 }
@@ -267,6 +267,10 @@ bool KTRepositoryHandler::takeResourceLock(KTSemaphore& semaphore) const {
 }
 
 char* KTRepositoryHandler::locate(const char* resource, int* result, bool touch) {
+  if (safety::refuses(resource)) {
+    report(result, kResourceNotFound);
+    return nullptr;
+  }
   if (char* legacy = importFromLegacy(resource, touch)) return legacy;
   return locateOnMounts(resource, result, touch);
 }

@@ -197,6 +197,12 @@ std::string markOf(const char* id) {
   return mark;
 }
 
+bool refuses(const char* id) {
+  if (!isOn()) return false;
+  const std::string closed = "/" + std::string(id) + "/";
+  return closed.find("/./") != std::string::npos || closed.find("/../") != std::string::npos;
+}
+
 bool locksForTimes() { return isOn(); }
 
 bool marksResources() { return isOn(); }
