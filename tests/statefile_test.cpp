@@ -276,9 +276,9 @@ TEST_F(DirtySetTest, AMarkThatOneClearsIsNotBroughtBackByTheOther) {
   const auto two = loaded();
   one->setDirty("a", true);
   EXPECT_TRUE(two->isDirty("a"));
-  one->setDirty("a", false);
-  EXPECT_FALSE(two->isDirty("a"));
-  two->setDirty("b", true);
+  two->setDirty("a", false);
+  EXPECT_FALSE(one->isDirty("a"));
+  one->setDirty("b", true);
   EXPECT_EQ(marks(), "b\n");
   two->clearDirtySet();
   EXPECT_FALSE(one->isDirty("b"));
