@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <memory>
 #include <optional>
 
 #include "KTDirtyFlagHandler.h"
@@ -311,6 +312,24 @@ TEST_F(SafeModeTest, AMarkThatCannotBeWrittenKeepsNothingFromBeingMoved) {
   pass();
   EXPECT_GT(full.failed(), 0);
   EXPECT_THAT(treeOf(destination()), ElementsAre("file=file"));
+}
+
+TEST_F(SafeModeTest, AMarkWhoseLockCannotBeReleasedKeepsNothingFromBeingMoved) {
+  place(0, k2009);
+  overload();
+  KTRepositoryHandler handler(repository.id());
+  std::unique_ptr<FailingCall> stuck;
+  FakeShell shell;
+  shell.answer = [&](const std::string& command) {
+    if (command.starts_with("rm ")) stuck = std::make_unique<FailingCall>("unlink", EACCES, repository.dirtyLockName());
+    return FakeShell::runReal(command);
+  };
+  FakeClock clock;
+  handler.checkOverload(false);
+  ASSERT_TRUE(stuck);
+  EXPECT_GT(stuck->failed(), 0);
+  EXPECT_THAT(treeOf(destination()), ElementsAre("file=file"));
+  EXPECT_FALSE(isThere(origin()));
 }
 
 TEST_F(SafeModeTest, AFruitlessRoundEndsTheTreatmentOfTheMountWithAnErrorLine) {

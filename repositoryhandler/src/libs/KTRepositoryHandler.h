@@ -219,7 +219,6 @@ class KT_API KTRepositoryHandler {
   std::string destinationOf(const ResourceEntry& entry, int target) const;
   void markDirty(const ResourceEntry& entry);
   KT_LOCAL bool markWhileMoved(const ResourceEntry& entry);
-  KT_LOCAL void setMark(const ResourceEntry& entry, bool dirty);
   KT_LOCAL void removeLeftovers(const KTMountPointHandler* mount) const;
 
   // Path of "repository.cfg", which every operation begins with; of the empty id at first.

@@ -51,6 +51,16 @@ bool touchedSinceListed(const ResourceEntry& entry) {
   return lastAccess(entry.path.c_str(), nullptr) != entry.lastAccessTime;
 }
 
+// A mark that cannot be written keeps nothing from being moved: the disk of the set may be the one that is full.
+template <typename Step>
+void inSpiteOfFailure(const Step& step) {
+  try {
+    step();
+  } catch (const KTException& failure) {
+    safety::logError(failure.m_message);
+  }
+}
+
 std::string notLocked(const char* what, const std::string& name) {
   return std::string("The ") + what + " " + quoted(name) + " could not be locked.";
 }
@@ -289,7 +299,8 @@ bool KTRepositoryHandler::moveUnderLock(const ResourceEntry& entry, const std::s
                                         const char* failureLine, bool verbose) {
   const bool marked = markWhileMoved(entry);
   const int result = moveRes(entry.path.c_str(), destination.c_str());
-  if (marked && (result == kTransferred || !safety::isThere(destination.c_str()))) setMark(entry, false);
+  if (marked && (result == kTransferred || !safety::isThere(destination.c_str())))
+    inSpiteOfFailure([&] { dirtyFlagHandler.setDirty(entry.name.c_str(), false); });
   if (result & kTransferConflict) {
     say(verbose, "Conflict prevented resource move");
     markDirty(entry);
@@ -387,18 +398,13 @@ void KTRepositoryHandler::markDirty(const ResourceEntry& entry) {
 
 // In the safe mode. False when the resource has a mark already: that of somebody who knows of another copy.
 bool KTRepositoryHandler::markWhileMoved(const ResourceEntry& entry) {
-  if (!safety::marksResources() || dirtyFlagHandler.isDirty(entry.name.c_str())) return false;
-  setMark(entry, true);
-  return true;
-}
-
-// A mark that cannot be written keeps nothing from being moved: the disk of the set may be the one that is full.
-void KTRepositoryHandler::setMark(const ResourceEntry& entry, bool dirty) {
-  try {
-    dirtyFlagHandler.setDirty(entry.name.c_str(), dirty);
-  } catch (const KTException& failure) {
-    safety::logError(failure.m_message);
-  }
+  if (!safety::marksResources()) return false;
+  bool isMarked = false;
+  inSpiteOfFailure([&] {
+    isMarked = dirtyFlagHandler.isDirty(entry.name.c_str());
+    if (!isMarked) dirtyFlagHandler.setDirty(entry.name.c_str(), true);
+  });
+  return !isMarked;
 }
 
 // Under a resource's lock, from which no move can keep it: removes what killed processes have left on a mount.
