@@ -367,6 +367,15 @@ TEST_F(RelocationTest, AStrayFileThatIsNotAtItsHashPlaceIsMovedOutOfSightOfItsMo
   EXPECT_THAT(treeOf(repository.mount(1) + "/a/b/c"), ElementsAre("stray/", "stray/file=stray"));
 }
 
+TEST_F(RelocationTest, AResourceThatHoldsAFileLikeThatOfAMountIsMergedWithoutATrace) {
+  for (const std::string& copy : {origin(), destination()}) writeFile(copy + "/repositorypart.cfg", "");
+  writeFile(origin() + "/a/b/c/file", "deep");
+  makeDirectories(destination() + "/a/b/c");
+  EXPECT_EQ(move(), 0);
+  EXPECT_FALSE(isThere(origin()));
+  EXPECT_THAT(treeOf(destination()), ElementsAre("a/", "a/b/", "a/b/c/", "a/b/c/file=deep", "repositorypart.cfg="));
+}
+
 TEST_F(RelocationTest, AMountBelowARootThatIsAMountItselfHidesItsMovesOnItself) {
   writeFile(repository.path() + "/repositorypart.cfg", "");
   place(0, k2009);

@@ -323,11 +323,13 @@ TEST_F(DirtySetTest, MarksInAFileThatAnOperatorRemovesAreGone) {
 TEST_F(DirtySetTest, WhileTheFileCannotBeReadEverythingIsDirtyAndNoMarkInItIsLost) {
   const auto one = loaded();
   mark("other");
+  EXPECT_TRUE(one->isDirty("other"));
   for (const char* function : {"fopen", "stat"}) {
     const FailingCall none(function, EMFILE, file);
     EXPECT_TRUE(one->isDirty("anything"));
     EXPECT_EQ(failedExpression([&] { one->setDirty(function, true); }), "f");
     EXPECT_EQ(marks(), "other\n");
+    EXPECT_EQ(one->dirtySet.count("other"), 1u);
   }
   EXPECT_FALSE(one->isDirty("anything"));
   for (const char* id : {"other", "fopen", "stat"}) EXPECT_TRUE(one->isDirty(id)) << id;
@@ -347,6 +349,7 @@ TEST_F(DirtySetTest, ClearingNeedsNotReadTheFile) {
   const auto one = loaded();
   mark("other");
   const FailingCall none("fopen", EMFILE, file);
+  EXPECT_TRUE(one->isDirty("anything"));
   one->clearDirtySet();
   EXPECT_EQ(marks(), "");
 }
