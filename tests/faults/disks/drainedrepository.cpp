@@ -34,7 +34,7 @@ bool isWhole(const std::string& path, const std::string& id) {
 }  // namespace
 
 DrainedRepository::DrainedRepository(DiskKind kind, const std::function<std::string(const std::string& image)>& served)
-    : repository({"d1", "d2"}), disks(kind) {
+    : repository({"d1", "d2"}), disks(kind), log(std::in_place) {
   // Below the disks there is no configuration, as where no disk is mounted.
   for (size_t i = 0; i < 2; ++i) unlink((repository.mount(i) + "/repositorypart.cfg").c_str());
   disks.mountAt(origin());

@@ -4,6 +4,7 @@
 #define TESTS_FAULTS_DISKS_DRAINEDREPOSITORY_H
 
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "fakes/fakes.h"
@@ -45,7 +46,7 @@ class DrainedRepository {
 
   TestRepository repository;
   RealDisks disks;
-  FakeSyslog log;
+  std::optional<FakeSyslog> log;
 
  private:
   static constexpr unsigned int kNever = ~0U;

@@ -65,7 +65,7 @@ INSTANTIATE_TEST_SUITE_P(On, FailingWritesTest, testing::Values(DiskKind::ext4, 
 
 TEST_P(FailingWritesTest, ByDefaultAPassLosesEveryResourceThatItMovesAndLogsNoError) {
   failEverywhere([](FailingRepository& repository) {
-    EXPECT_THAT(repository.drained.log.texts(LOG_ERR), IsEmpty());
+    EXPECT_THAT(repository.drained.log->texts(LOG_ERR), IsEmpty());
     repository.replaceDisk();
     EXPECT_EQ(repository.drained.lost(), kResources);
   });
