@@ -149,7 +149,8 @@ bool dropsEqualCopies() { return isOn(); }
 bool isThere(const char* path) {
   if (!isOn()) return exists(path);
   struct stat status;
-  return path && lstat(path, &status) == 0;
+  if (!path) return false;
+  return lstat(path, &status) == 0 || errno == EOVERFLOW;  // a file too long for a 32-bit process
 }
 
 bool mayMerge(const char* origin, const char* destination) {

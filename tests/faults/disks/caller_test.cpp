@@ -20,6 +20,7 @@
 #include "support/child.h"
 #include "support/results.h"
 
+using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
@@ -129,30 +130,32 @@ TEST_P(CallerTest, WhoseFileLimitACopyExceedsLosesNothingAndOnlyTheDefaultModeLe
   }
 }
 
-// The mark is written, and the lock left, by a process that the signal ends.
-TEST_P(CallerTest,
-       WhoseFileLimitAMarkExceedsEndsTheProcessWhereTheSignalIsNotIgnoredAndOnlyTheDefaultModeLosesTheMarks) {
+// The set's file is longer than that, with a mark of 600 bytes; what a safe lock says of its holder is shorter.
+constexpr rlim_t kLimitOfMarks = 512;
+const std::string kLongMark(600, 'x');
+const std::string kTornMarks = ("before\n" + kLongMark).substr(0, kLimitOfMarks);
+
+TEST_P(CallerTest, WhoseFileLimitAMarkExceedsIsEndedByTheSignalAndOnlyTheDefaultModeTearsTheMarks) {
   CallerRepository repository;
   repository.setDirty("before");
   EXPECT_EQ(endedBy(statusOf([&] {
-              limitFiles(0, false);
-              repository.setDirty("another");
+              limitFiles(kLimitOfMarks, false);
+              repository.setDirty(kLongMark);
             })),
             SIGXFSZ);
-  EXPECT_EQ(repository.repository.dirtySet(), isSafe() ? "before\n" : "");
-  EXPECT_EQ(repository.repository.locksLeft(),
-            std::vector<std::string>{"semaphore_" + repository.repository.dirtyLockName()});
+  EXPECT_EQ(repository.repository.dirtySet(), isSafe() ? "before\n" : kTornMarks);
+  EXPECT_THAT(repository.repository.locksLeft(), ElementsAre("semaphore_" + repository.repository.dirtyLockName()));
 }
 
-TEST(FileLimitTest, ThatAMarkExceedsByDefaultLosesAllMarksWithoutAWordWhereTheSignalIsIgnored) {
+TEST(FileLimitTest, ThatAMarkExceedsByDefaultTearsTheMarksWithoutAWordWhereTheSignalIsIgnored) {
   CallerRepository repository;
   repository.setDirty("before");
   EXPECT_EQ(statusOf([&] {
-              limitFiles(0, true);
-              repository.setDirty("another");
+              limitFiles(kLimitOfMarks, true);
+              repository.setDirty(kLongMark);
             }),
             0);
-  EXPECT_EQ(repository.repository.dirtySet(), "");
+  EXPECT_EQ(repository.repository.dirtySet(), kTornMarks);
   EXPECT_THAT(repository.repository.locksLeft(), IsEmpty());
 }
 
@@ -161,8 +164,8 @@ TEST(FileLimitTest, ThatAMarkExceedsInTheSafeModeIsToldAndLosesNoMarkWhereTheSig
   CallerRepository repository;
   repository.setDirty("before");
   EXPECT_EQ(statusOf([&] {
-              limitFiles(0, true);
-              EXPECT_THROW(repository.setDirty("another"), KTAssertionException);
+              limitFiles(kLimitOfMarks, true);
+              EXPECT_THROW(repository.setDirty(kLongMark), KTAssertionException);
             }),
             0);
   EXPECT_EQ(repository.repository.dirtySet(), "before\n");
