@@ -199,10 +199,9 @@ TEST_F(RelocationTest, CopiesComparesFlushesRenamesFlushesAndOnlyThenTakesTheOri
   EXPECT_EQ(mountRename(origin().c_str(), destination().c_str()), 0);
   const std::string here = hidingPlace(repository.mount(0)) + "/2009";
   const std::string there = hidingPlace(repository.mount(1)) + "/2009";
-  EXPECT_THAT(steps.made,
-              ElementsAre("cp", "diff", "flush " + there, "rename " + destination(),
-                          "flush " + fs::path(destination()).parent_path().string(), StartsWith("rename " + here + "/"),
-                          "flush " + fs::path(origin()).parent_path().string(), "rm"));
+  EXPECT_THAT(steps.made, ElementsAre("cp", "diff", "flush " + there, "rename " + destination(), "flush " + there,
+                                      StartsWith("rename " + here + "/"),
+                                      "flush " + fs::path(origin()).parent_path().string(), "rm"));
   EXPECT_FALSE(isThere(origin()));
   EXPECT_THAT(treeOf(destination()), ElementsAre("file=file"));
   EXPECT_THAT(hidden(), IsEmpty());
@@ -333,9 +332,10 @@ TEST_F(RelocationTest, AFileSystemThatCannotRenameWithoutReplacingIsAskedFirst) 
       steps.failing = 3;
       steps.persistent = true;
       steps.error = error;
+      int flushes = 0;
       steps.look = [&](const std::string& step) {
         if (comes && step == "diff") makeDirectories(destination());
-        if (step.starts_with("flush " + destination().substr(0, destination().size() - 5))) steps.failing = kNever;
+        if (step.starts_with("flush ") && ++flushes == 2) steps.failing = kNever;
       };
       EXPECT_EQ(move(), comes ? 8 : 0) << error;
       EXPECT_THAT(treeOf(comes ? origin() : destination()), ElementsAre("file=file"));
