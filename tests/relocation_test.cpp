@@ -357,6 +357,17 @@ TEST_F(RelocationTest, ResourcesThatAreFilesAndLinksAreMovedToo) {
   EXPECT_FALSE(isThere(at(0, kAbc)));
 }
 
+TEST_F(RelocationTest, AMovedLinkLeavesTheTimesOfWhatItPointsTo) {
+  const std::string target = repository.scratch() + "/outside";
+  writeFile(target, "a file");
+  setTimes(target, kLongAgo);
+  makeDirectories(fs::path(origin()).parent_path());
+  makeLink(target, origin());
+  EXPECT_EQ(move(), 0);
+  EXPECT_EQ(fs::read_symlink(destination()), target);
+  EXPECT_EQ(modificationTime(target), kLongAgo);
+}
+
 TEST_F(RelocationTest, AStrayFileThatIsNotAtItsHashPlaceIsMovedOutOfSightOfItsMount) {
   const std::string stray = repository.mount(0) + "/a/b/c/stray";
   writeFile(stray + "/file", "stray");
