@@ -227,7 +227,8 @@ class Contender {
 // Passes, over one mount after the other, until the test ends.
 int balance(const char* repository) {
   constexpr unsigned int kMounts = 3;
-  Board* board = mapBoard(getenv(kBoardVariable), false);
+  const char* file = getenv(kBoardVariable);
+  Board* board = file ? mapBoard(file, false) : nullptr;
   if (!board) return 3;
   while (!board->ended) {
     checkOverload_(repository, false);

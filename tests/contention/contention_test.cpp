@@ -358,7 +358,7 @@ TEST(ContentionTest, NothingIsLostAndNoLockHeldTwiceWhenHalfOfTheProcessesAreSaf
 
 void contendWithKills(Mode mode) {
   Contention contention(mode);
-  contention.run(chosen(20000, 1000000), chosen(40, 2000));
+  contention.run(chosen(20000, 300000), chosen(40, 500));
   EXPECT_THAT(contention.violations, IsEmpty());
   for (const std::string& damage : contention.damages) printf("damage: %s\n", damage.c_str());
 }
