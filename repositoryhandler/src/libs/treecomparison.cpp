@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
-#include <filesystem>
 #include <optional>
 #include <set>
 
 #include "safety.h"
+#include "sorteddirectory.h"
 
 namespace {
 
@@ -22,14 +22,10 @@ int run(const std::string& command) { return system(command.c_str()); }
 bool isSpecial(mode_t mode) { return !S_ISREG(mode) && !S_ISDIR(mode) && !S_ISLNK(mode); }
 
 // None for a directory that cannot be read to its end, which must not pass for an empty one.
-std::optional<std::set<std::string>> namesIn(const std::string& directory) {
-  std::set<std::string> names;
-  std::error_code failure;
-  for (std::filesystem::directory_iterator entry(directory, failure), end; !failure && entry != end;
-       entry.increment(failure))
-    names.insert(entry->path().filename());
-  if (failure) return std::nullopt;
-  return names;
+std::optional<std::set<std::string>> namesIn(const std::string& path) {
+  const SortedDirectory directory(path);
+  if (!directory.isWhole) return std::nullopt;
+  return std::set<std::string>(directory.names.begin(), directory.names.end());
 }
 
 bool holdsSpecial(const std::string& path) {
