@@ -124,7 +124,9 @@ class Enumeration {
     const Outcome outcome = run(which, scratch / "run", false);
     ++runs;
     if (!outcome.broken.empty()) ++violations;
-    if (which.fault.strike != Strike::none && outcome.struck.empty()) noteKind("nothing", "unrepeatable", which);
+    // How many allocations there are depends on the digits of a process id; how many calls, on nothing.
+    if (sweep != Sweep::memory && which.fault.strike != Strike::none && outcome.struck.empty())
+      noteKind("nothing", "unrepeatable", which);
     for (const std::string& invariant : outcome.broken) noteKind(outcome.struck, invariant, which);
     return outcome;
   }
