@@ -7,7 +7,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -116,18 +115,17 @@ std::string fileBehind(pid_t process, uint64_t descriptor) {
   return linkTarget("/proc/" + std::to_string(process) + "/fd/" + std::to_string(static_cast<int>(descriptor)));
 }
 
+// By its file, since a pointer of a 32-bit process does not reach all of a 64-bit one. Up to the end of a page: behind
+// it there may be nothing.
 std::string textAt(pid_t process, uint64_t address) {
-  char text[PATH_MAX] = "";
-  // Up to the end of a page: behind it there may be nothing.
-  const uint64_t toPageEnd = 4096 - address % 4096;
-  for (const uint64_t size : {uint64_t{sizeof text - 1}, toPageEnd}) {
-    const iovec here = {text, static_cast<size_t>(size)};
-    const iovec there = {reinterpret_cast<void*>(static_cast<uintptr_t>(address)), static_cast<size_t>(size)};
-    const ssize_t got = process_vm_readv(process, &here, 1, &there, 1, 0);
-    if (got > 0) {
-      text[got] = '\0';
-      return text;
-    }
+  constexpr uint64_t kPage = 4096;
+  const Descriptor memory(open(("/proc/" + std::to_string(process) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
+  char text[2 * kPage + 1] = "";
+  for (const uint64_t size : {2 * kPage - address % kPage, kPage - address % kPage}) {
+    const ssize_t got = pread64(memory.number, text, static_cast<size_t>(size), static_cast<off64_t>(address));
+    if (got <= 0) continue;
+    text[got] = '\0';
+    return text;
   }
   return "";
 }
