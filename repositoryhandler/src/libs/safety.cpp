@@ -200,7 +200,7 @@ std::string markOf(const char* id) {
 
 bool refuses(const char* id) {
   if (!isOn()) return false;
-  const std::string closed = "/" + std::string(id) + "/";
+  const std::string closed = std::string("/").append(id).append("/");
   return closed.find("/./") != std::string::npos || closed.find("/../") != std::string::npos;
 }
 
