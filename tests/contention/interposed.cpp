@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 
 #include "board.h"
 
@@ -93,6 +94,17 @@ int take(LockOnBoard& lock, int (*function)(const char*, int, ...), const char* 
   return descriptor;
 }
 
+// In the safe mode a lock file is written without a name and gets it when it is whole.
+int takeByName(LockOnBoard& lock, const std::function<int()>& nameIt) {
+  *busy = markOf(lock);
+  const int result = nameIt();
+  const int failure = errno;
+  if (result == 0) noteTaken(lock);
+  *busy = kNobody;
+  errno = failure;
+  return result;
+}
+
 int release(LockOnBoard& lock, int (*function)(const char*), const char* path) {
   *busy = markOf(lock);
   pid_t holder = getpid();
@@ -117,7 +129,7 @@ int openAs(const char* name, const char* path, int flags, mode_t mode) {
   LockOnBoard* lock = lockOf(path);
   if (lock && (flags & O_EXCL)) return take(*lock, function, path, flags, mode);
   const int descriptor = function(path, flags, mode);
-  if (lock) {
+  if (lock || descriptor == examined) {
     examined = descriptor;
     examinedLock = lock;
   }
@@ -176,6 +188,13 @@ int unlink(const char* path) noexcept {
   static const auto function = real<int (*)(const char*)>("unlink");
   LockOnBoard* lock = lockOf(path);
   return lock ? release(*lock, function, path) : function(path);
+}
+
+int linkat(int from, const char* path, int to, const char* name, int flags) noexcept {
+  static const auto function = real<int (*)(int, const char*, int, const char*, int)>("linkat");
+  const auto call = [&] { return function(from, path, to, name, flags); };
+  LockOnBoard* lock = lockOf(name);
+  return lock ? takeByName(*lock, call) : call();
 }
 
 ssize_t pwrite(int descriptor, const void* data, size_t size, off_t offset) {
