@@ -54,8 +54,8 @@ bool replacesStateFiles();
 // in its name, for each line feed, so that it is one line.
 std::string markOf(const char* id);
 
-// Whether an id is none at all, since a "." or ".." in it leads to what belongs to others: no id is; safe: such a one is
-// found nowhere and never made.
+// Whether an id is none at all, since a "." or ".." in it leads to what belongs to others: no id is; safe: such a one
+// is found nowhere and never made.
 bool refuses(const char* id);
 
 // Whether the times of a resource are read and set under its lock. It is marked as dirty while it is moved, and a
