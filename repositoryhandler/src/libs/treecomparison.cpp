@@ -60,8 +60,10 @@ int compareEntries(const std::string& origin, const std::string& copy) {
 int compareDirectories(const std::string& origin, const std::string& copy) {
   const auto names = namesIn(origin);
   if (!names || names != namesIn(copy)) return kDiffers;
-  for (const std::string& name : *names)
-    if (const int status = compareEntries(origin + "/" + name, copy + "/" + name)) return status;
+  for (const std::string& name : *names) {
+    const std::string entry = "/" + name;
+    if (const int status = compareEntries(origin + entry, copy + entry)) return status;
+  }
   return 0;
 }
 
