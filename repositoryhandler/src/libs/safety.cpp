@@ -194,12 +194,13 @@ bool replacesStateFiles() { return isOn(); }
 
 std::string markOf(const char* id) {
   std::string mark(id);
-  if (isOn()) std::replace(mark.begin(), mark.end(), '\n', '/');
+  const bool isOneLine = mark.find('\n') == std::string::npos;  // asked first: nearly every id is one
+  if (!isOneLine && isOn()) std::replace(mark.begin(), mark.end(), '\n', '/');
   return mark;
 }
 
 bool refuses(const char* id) {
-  if (!isOn()) return false;
+  if (!strchr(id, '.') || !isOn()) return false;  // in this order, since most ids have no dot
   const std::string closed = std::string("/").append(id).append("/");
   return closed.find("/./") != std::string::npos || closed.find("/../") != std::string::npos;
 }
