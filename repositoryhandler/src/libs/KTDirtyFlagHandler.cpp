@@ -6,7 +6,6 @@
 #include "KTOwned.h"
 #include "assertionsites.h"
 #include "librarylog.h"
-#include "listing.h"
 #include "locking.h"
 #include "messages.h"
 #include "paths.h"

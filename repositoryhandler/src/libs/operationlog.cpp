@@ -7,7 +7,6 @@
 #include "KTLinePieces.h"
 #include "KTOwned.h"
 #include "librarylog.h"
-#include "listing.h"
 #include "locking.h"
 #include "messages.h"
 #include "paths.h"
