@@ -521,6 +521,13 @@ TEST(RemoveDirectoryTest, RemovesDanglingLinksAlsoWhenThereIsNoDirectory) {
   EXPECT_FALSE(isThere(trees.links() + "a"));
 }
 
+TEST(RemoveDirectoryTest, RemovesADanglingLinkAboveAlsoWhenThereIsNoDirectory) {
+  const Trees trees;
+  mylink(trees.links().c_str(), trees.hash().c_str(), "a/");
+  EXPECT_EQ(trees.remove("a/b/"), -1);
+  EXPECT_FALSE(isThere(trees.links() + "a"));
+}
+
 TEST(RemoveDirectoryTest, GoesUpTheLinkTreePastWhatIsNoLink) {
   const Trees trees;
   makeDirectories(trees.links() + "a/b");

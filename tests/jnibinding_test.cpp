@@ -3,6 +3,7 @@
 
 #include <corvanta_util_RepositoryHandler.h>
 #include <gmock/gmock.h>
+#include <malloc.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -623,6 +624,22 @@ TEST_F(JniBindingTest, AListStopsAtTheElementThatFails) {
               ElementsAre(converted(), "FindClass java/lang/String", "NewStringUTF ", "NewObjectArray 2 \"\"",
                           "NewStringUTF a", "SetObjectArrayElement 0 a", "DeleteLocalRef a", "NewStringUTF b",
                           "SetObjectArrayElement 1 b", released()));
+}
+
+TEST_F(JniBindingTest, AListThatStopsLeavesNoIdBehind) {
+  constexpr size_t kRounds = 100;
+  constexpr size_t kIds = 20;
+  const std::string longName(200, 'x');
+  for (size_t i = 0; i < kIds; ++i) repository.place(0, longName + std::to_string(i));
+  const auto stopAtTheFirst = [&] {
+    FakeJavaMachine another(0);
+    another.failAt("SetObjectArrayElement");
+    EXPECT_EQ(another.call(listDirsNative, another.string(repository.path()), JNI_TRUE), nullptr);
+  };
+  stopAtTheFirst();
+  const size_t before = mallinfo2().uordblks;
+  for (size_t i = 0; i < kRounds; ++i) stopAtTheFirst();
+  EXPECT_LT(mallinfo2().uordblks, before + kRounds * longName.size());
 }
 
 TEST_F(JniBindingTest, AFailureWhileTheTimesAreReadSetsNothing) {

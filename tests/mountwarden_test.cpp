@@ -189,3 +189,9 @@ TEST(MountwardenTest, EndsByTheHandlerForUncaughtExceptionsWhenAListedMountDoesN
   EXPECT_EQ(WTERMSIG(ended.status), SIGABRT);
   EXPECT_THAT(ended.errors, HasSubstr("KTAssertionException"));
 }
+
+TEST(MountwardenTest, HasToldHowFarItCameWhenAnExceptionEndsIt) {
+  const TestRepository repository({"d1"});
+  fs::remove_all(repository.mount(0));
+  EXPECT_EQ(mountwarden({repository.path()}).output, "calling library...\n");
+}

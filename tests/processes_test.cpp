@@ -3,7 +3,6 @@
 // for it.
 
 #include <gmock/gmock.h>
-#include <sys/mman.h>
 #include <syslog.h>
 #include <unistd.h>
 #include <utime.h>
@@ -11,22 +10,19 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
-#include <new>
 #include <random>
 #include <sstream>
-#include <stdexcept>
 
 #include "entrypoints.h"
 #include "fakes/fakes.h"
 #include "support/child.h"
+#include "support/content.h"
 #include "support/repository.h"
 #include "support/results.h"
-
-namespace fs = std::filesystem;
+#include "support/shared.h"
 
 using testing::IsEmpty;
 
@@ -38,24 +34,6 @@ constexpr unsigned int kMostStepsOfAClient = 20 * kStepsOfAClient;
 constexpr unsigned int kLeastMoves = 100;
 constexpr unsigned int kNamesOfAClient = 40;
 constexpr time_t kLongAgo = 1000000000;
-
-// Memory that the forked processes share with their parent.
-template <typename Value>
-class Shared {
- public:
-  Shared() {
-    void* memory = mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) throw std::runtime_error("no shared memory");
-    value = new (memory) Value{};
-  }
-  ~Shared() { munmap(value, sizeof(Value)); }
-  Shared(const Shared&) = delete;
-  Shared& operator=(const Shared&) = delete;
-  Value* operator->() const { return value; }
-
- private:
-  Value* value;
-};
 
 // Waits for a lock as always, but with the shortest pause that can be drawn: real pauses of 10 milliseconds, 3000 in
 // the 30 seconds that a lock is waited for.
@@ -100,32 +78,6 @@ class BoardDisks {
 };
 
 std::string numbered(std::string prefix, unsigned int number) { return prefix.append(std::to_string(number)); }
-
-// What a resource holds, file by file; told from its name and how often it was made.
-std::map<std::string, std::string> contentOf(const std::string& name, unsigned int generation) {
-  const std::string mark = name + "." + std::to_string(generation) + "\n";
-  std::string longer;
-  while (longer.size() < 3000) longer += mark;
-  return {{"head", mark}, {"body", longer}, {"sub/part", "part of " + mark}};
-}
-
-bool writeContent(const std::string& path, const std::string& name, unsigned int generation) {
-  for (const auto& [file, content] : contentOf(name, generation)) {
-    std::error_code failed;
-    if (file.starts_with("sub/")) fs::create_directory(path + "/sub", failed);
-    std::ofstream out(path + "/" + file, std::ios::binary);
-    out << content;
-    if (!out.flush()) return false;
-  }
-  return true;
-}
-
-std::vector<std::string> treeOfContent(const std::string& name, unsigned int generation) {
-  std::vector<std::string> tree = {"sub/"};
-  for (const auto& [file, content] : contentOf(name, generation)) tree.push_back(file + "=" + content);
-  std::sort(tree.begin(), tree.end());
-  return tree;
-}
 
 // One client's work. It alone makes and removes its names, and keeps the record of them; it also looks for the names
 // of others. A resource that was just found is young, so that no pass moves it while it is used; when the client is

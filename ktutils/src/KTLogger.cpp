@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "KTHooks.h"
+
 const LOG_FACILITY FACILITY_ARRAY[6] = {FACILITY_OPER, FACILITY_OPER, FACILITY_MAIN,
                                         FACILITY_MAIN, FACILITY_MAIN, FACILITY_NONE};
 
@@ -46,6 +48,13 @@ int priorityOf(LOG_MODE mode) {
   }
 }
 
+__attribute__((format(printf, 2, 3))) void sendText(int priority, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vsyslog(priority, format, args);
+  va_end(args);
+}
+
 char* copyOf(const char* text) {
   if (!text) return nullptr;
   const size_t size = strlen(text) + 1;
@@ -75,7 +84,11 @@ void KTLogger::log(LOG_MODE mode, const char* format, va_list& args) {
   const int kept = errno;  // callers build further messages from it after a line was logged
   const LOG_FACILITY stream = FACILITY_ARRAY[mode];
   if (stream != m_lastFacility) openLog(stream);
-  vsyslog(priorityOf(mode), format, args);
+  const auto text = ktHooks.logText ? ktHooks.logText(format, args) : std::nullopt;
+  if (text)
+    sendText(priorityOf(mode), "%s", text->c_str());
+  else
+    vsyslog(priorityOf(mode), format, args);
   errno = kept;
 }
 

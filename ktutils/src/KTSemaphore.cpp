@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "KTException.h"
+#include "KTHooks.h"
 
 namespace {
 
@@ -72,15 +73,29 @@ KTSemaphore::~KTSemaphore() noexcept(false) {  // NOLINT(bugprone-exception-esca
 }
 
 bool KTSemaphore::lockResource() {
-  errno = 0;
-  const int descriptor = open(lockFile.c_str(), O_RDONLY | O_CREAT | O_EXCL, kLockFileMode);
-  if (descriptor < 0) {
-    if (errno == EEXIST) return false;
-    throw ioFailure("Creating semaphore failed: ", name);
-  }
-  close(descriptor);
+  if (!makeLockFile() && !(ktHooks.lockTakenOver && ktHooks.lockTakenOver(lockFile))) return false;
   locked = true;
   return true;
+}
+
+// False when it is there already.
+bool KTSemaphore::makeLockFile() const {
+  if (ktHooks.makeLock)
+    if (const auto made = ktHooks.makeLock(lockFile)) return *made;
+  if (!makePlainFile()) return false;
+  if (ktHooks.lockMade) ktHooks.lockMade(lockFile);
+  return true;
+}
+
+bool KTSemaphore::makePlainFile() const {
+  errno = 0;
+  const int descriptor = open(lockFile.c_str(), O_RDONLY | O_CREAT | O_EXCL, kLockFileMode);
+  if (descriptor >= 0) {
+    close(descriptor);
+    return true;
+  }
+  if (errno == EEXIST) return false;
+  throw ioFailure("Creating semaphore failed: ", name);
 }
 
 bool KTSemaphore::lock(int timeout) {
@@ -97,6 +112,8 @@ bool KTSemaphore::lock(int timeout) {
 void KTSemaphore::unlock() {
   if (!locked && !lockedElsewhere) return;
   errno = 0;
-  if (unlink(lockFile.c_str()) != 0 && errno != ENOENT) throw ioFailure("Releasing semaphore failed: ", name);
+  if (unlink(lockFile.c_str()) != 0 && errno != ENOENT &&
+      !(ktHooks.lockRemovedAfterAll && ktHooks.lockRemovedAfterAll(lockFile)))
+    throw ioFailure("Releasing semaphore failed: ", name);
   locked = false;
 }

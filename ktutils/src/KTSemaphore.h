@@ -44,6 +44,9 @@ class KT_API KTSemaphore {
   bool lockedElsewhere = false;  // ownership in another form; nothing sets it
 
  private:
+  KT_LOCAL bool makeLockFile() const;
+  KT_LOCAL bool makePlainFile() const;
+
   std::string lockFile;  // its path
 
   // Uncaught exceptions when the object was made; the destructor throws only when there are no more than then.

@@ -78,7 +78,9 @@ CallWatch::CallWatch() { watch = this; }
 CallWatch::~CallWatch() { watch = nullptr; }
 
 void CallWatch::note(const char* function, const char* path) {
-  if (watch) watch->calls.push_back(std::string(function) + " " + (path ? path : "(null)"));
+  if (!watch) return;
+  watch->calls.push_back(std::string(function) + " " + (path ? path : "(null)"));
+  if (watch->onCall) watch->onCall(function);
 }
 
 void CallWatch::noteLock(char sign, const char* path) {

@@ -78,6 +78,8 @@ class FakeSyslog {
   std::vector<std::string> texts() const;              // of all lines, in order
   std::vector<std::string> texts(int priority) const;  // of the lines of one priority
 
+  // False: a format other than "%s" is the text itself, since what it would expand to may be undefined.
+  bool expandsFormats = true;
   std::vector<LogLine> lines;
   std::vector<std::string> events;  // "openlog IDENT OPTION FACILITY", "closelog", "vsyslog PRIORITY TEXT"
 };
@@ -139,6 +141,8 @@ class CallWatch {
   std::vector<std::string> locks;
   // "FUNCTION PATH" of every call, failed or not, before it is made.
   std::vector<std::string> calls;
+  // Called at each of them, when it is set.
+  std::function<void(const std::string& function)> onCall;
 
   static void note(const char* function, const char* path);
   static void noteLock(char sign, const char* path);

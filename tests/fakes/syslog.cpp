@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "fakes/fakes.h"
 
@@ -68,7 +69,8 @@ void vsyslog(int priority, const char* format, va_list args) {
     static const auto real = realFunction<void (*)(int, const char*, va_list)>("vsyslog");
     return real(priority, format, args);
   }
-  const std::string text = expanded(format, args);
+  const bool expands = current->expandsFormats || strcmp(format, "%s") == 0;
+  const std::string text = expands ? expanded(format, args) : format;
   current->lines.push_back({priority, text, format, openIdent, openOption, openFacility});
   current->events.push_back("vsyslog " + std::to_string(priority) + " " + text);
 }

@@ -90,12 +90,16 @@ void mountOrRefuse(const std::string& source, const std::string& target, const c
 
 struct statvfs spaceOf(const std::string& directory) {
   static const auto realStatvfs = realFunction<int (*)(const char*, struct statvfs*)>("statvfs");
-  const Descriptor disk(directory, O_RDONLY | O_DIRECTORY);
-  if (syncfs(disk) != 0) refused("write out " + directory);
+  if (!RealDisks::writeOut(directory)) refused("write out " + directory);
   struct statvfs space;
   if (realStatvfs(directory.c_str(), &space) != 0) refused("measure " + directory);
   return space;
 }
+
+// xfs's request to go down at once, which ext4 took over, and what it may still write then.
+constexpr unsigned long kGoDown = _IOR('X', 125, __u32);
+constexpr __u32 kWriteJournal = 1;
+constexpr __u32 kWriteNothing = 2;
 
 constexpr off_t kSmallestStep = 64 * 1024;  // bytes of ballast
 
@@ -132,19 +136,39 @@ RealDisks::~RealDisks() {
 }
 
 void RealDisks::mountAt(const std::string& directory) {
-  const std::string size = std::to_string(makingOf(kind).mebibytes) + "m";
-  if (kind == DiskKind::tmpfs)
+  if (kind == DiskKind::tmpfs) {
+    const std::string size = std::to_string(makingOf(kind).mebibytes) + "m";
     mountOrRefuse("disk", directory, "tmpfs", 0, "size=" + size);
-  else
-    mountImage(directory);
-  disks.push_back({directory, directory});
+    disks.push_back({directory, directory, ""});
+  } else {
+    mountAt(directory, [](const std::string& image) { return image; });
+  }
+}
+
+void RealDisks::mountAt(const std::string& directory,
+                        const std::function<std::string(const std::string& image)>& served) {
+  const std::string image = newImage();
+  mountImage(served(image), directory);
+  disks.push_back({directory, directory, image});
 }
 
 void RealDisks::takeAway(const std::string& directory) {
   Disk& disk = diskOf(directory);
+  move(disk, awayFrom(disk));
+}
+
+void RealDisks::detach(const std::string& directory) {
+  Disk& disk = diskOf(directory);
+  const std::string away = awayFrom(disk);
+  mountOrRefuse(disk.place, away, nullptr, MS_BIND, "");
+  if (umount2(disk.place.c_str(), MNT_DETACH) != 0) refused("detach " + directory);
+  disk.place = away;
+}
+
+std::string RealDisks::awayFrom(const Disk& disk) const {
   const std::string away = images / "away" + std::to_string(&disk - disks.data());
   makeDirectories(away);
-  move(disk, away);
+  return away;
 }
 
 void RealDisks::giveBack(const std::string& directory) { move(diskOf(directory), directory); }
@@ -155,18 +179,44 @@ void RealDisks::setReadOnly(const std::string& directory, bool readOnly) {
   mountOrRefuse("disk", diskOf(directory).place, nullptr, flags, "");
 }
 
+void RealDisks::cutPower(const std::string& directory, bool metadataFirst) {
+  const Disk& disk = diskOf(directory);
+  if (kind == DiskKind::btrfs) return run({"cp", "--sparse=always", disk.image.c_str()}, disk.image + ".cut");
+  const Descriptor root(disk.place, O_RDONLY | O_DIRECTORY);
+  const __u32 written = metadataFirst ? kWriteJournal : kWriteNothing;
+  if (ioctl(root, kGoDown, &written) != 0) refused("cut the power of " + directory);
+}
+
+void RealDisks::restorePower(const std::string& directory) {
+  const Disk& disk = diskOf(directory);
+  unmount(disk.place);
+  const std::string cut = disk.image + ".cut";
+  if (isThere(cut) && rename(cut.c_str(), disk.image.c_str()) != 0) refused("put back what was on " + directory);
+  mountImage(disk.image, disk.place);
+}
+
+bool RealDisks::writeOut(const std::string& directory) {
+  const Descriptor disk(directory, O_RDONLY | O_DIRECTORY);
+  return syncfs(disk) == 0;
+}
+
 RealDisks::Disk& RealDisks::diskOf(const std::string& directory) {
   for (Disk& disk : disks)
     if (disk.directory == directory) return disk;
   throw std::runtime_error("no disk was mounted on " + directory);
 }
 
-void RealDisks::mountImage(const std::string& directory) {
+std::string RealDisks::newImage() {
   const Making& making = makingOf(kind);
   const std::string path = images / "disk" + std::to_string(disks.size());
   const Descriptor image(path, O_RDWR | O_CREAT | O_EXCL);
   if (ftruncate(image, making.mebibytes * kMebibyte) != 0) refused("make an image of a disk");
   run(making.mkfs, path);
+  return path;
+}
+
+void RealDisks::mountImage(const std::string& path, const std::string& directory) {
+  const Descriptor image(path, O_RDWR);
   const Descriptor control("/dev/loop-control", O_RDWR);
   while (true) {
     const int number = ioctl(control, LOOP_CTL_GET_FREE);
@@ -180,7 +230,7 @@ void RealDisks::mountImage(const std::string& directory) {
       if (errno == EBUSY) continue;  // another process was faster
       refused("attach an image to " + device);
     }
-    return mountOrRefuse(device, directory, making.name, 0, "");  // the mount holds the device from here on
+    return mountOrRefuse(device, directory, nameOf(kind), 0, "");  // the mount holds the device from here on
   }
 }
 

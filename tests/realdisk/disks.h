@@ -6,6 +6,7 @@
 #ifndef TESTS_REALDISK_DISKS_H
 #define TESTS_REALDISK_DISKS_H
 
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -32,19 +33,34 @@ class RealDisks {
 
   // Makes a new, empty disk and mounts it on the directory.
   void mountAt(const std::string& directory);
+  // The same, with something between the file system and its image: `served` gets the path of the image and gives that
+  // of the file to mount. restorePower mounts the image itself, and `served` is then done with.
+  void mountAt(const std::string& directory, const std::function<std::string(const std::string& image)>& served);
   // The disk goes away with all that is on it, and comes back. What lies below the mount shows meanwhile.
   void takeAway(const std::string& directory);
   void giveBack(const std::string& directory);
+  // As takeAway, in the way of "umount -l": who has opened something there goes on with it.
+  void detach(const std::string& directory);
   void setReadOnly(const std::string& directory, bool readOnly);
+  // The power fails: what the disk has not been given yet never reaches it. With `metadataFirst` it is given what the
+  // journal holds, and still no contents of files: ext4 and xfs, which hold both back apart. Who uses the disk is to
+  // end before restorePower, which mounts what was on it.
+  void cutPower(const std::string& directory, bool metadataFirst = false);
+  void restorePower(const std::string& directory);
+  // Writes out all that the disk has not been given yet. False, with errno, when it did not take it.
+  static bool writeOut(const std::string& directory);
 
  private:
   struct Disk {
     std::string directory;
     std::string place;  // where it is mounted now
+    std::string image;
   };
 
   Disk& diskOf(const std::string& directory);
-  void mountImage(const std::string& directory);
+  std::string awayFrom(const Disk& disk) const;
+  std::string newImage();
+  void mountImage(const std::string& image, const std::string& directory);
   void move(Disk& disk, const std::string& to);
   void unmount(const std::string& place);
 

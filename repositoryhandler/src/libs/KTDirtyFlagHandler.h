@@ -2,11 +2,15 @@
 // several mounts because a mount was away when they were made or moved. The set is loaded once from the file
 // ".dirty" in the repository's root and written through on every change. Each operation holds the set's own
 // lock, which is always the inner one; each process works on its own copy, and the last writer's set stands
-// in the file. An object belongs to one thread. Every operation that takes the lock throws KTIOException when the lock
-// file cannot be removed at its end; its work is done then.
+// in the file. In the safe mode each operation works on what the file says, and the file is replaced whole; while it
+// cannot be read, every resource is dirty and no change can be written. An object
+// belongs to one thread. Every operation that takes the lock throws KTIOException when the lock file cannot be removed
+// at its end; its work is done then.
 
 #ifndef REPOSITORYHANDLER_KTDIRTYFLAGHANDLER_H
 #define REPOSITORYHANDLER_KTDIRTYFLAGHANDLER_H
+
+#include <sys/stat.h>
 
 #include <set>
 #include <string>
@@ -44,9 +48,17 @@ class KT_API KTDirtyFlagHandler {
   std::string setFile;
 
  private:
-  bool lockSet(KTSemaphore& semaphore) const;
+  KT_LOCAL bool lockSet(KTSemaphore& semaphore) const;
+  KT_LOCAL bool load();
+  KT_LOCAL bool catchUp();
+  KT_LOCAL bool replaceSetFile();
 
   std::string lockName;  // of setFile; each name of a walk takes it
+
+  // Safe mode only: what this process knows of the file, and has not got into it.
+  struct stat known = {};  // of the file that the set was read from; zero: it is to be read again
+  std::set<std::string> unsaved;
+  bool caughtUp = true;  // otherwise the file holds more than this process knows, and is not replaced
 };
 
 #endif

@@ -120,9 +120,9 @@ class KT_API KTRepositoryHandler {
   // The status that getLocation gives; 0 for a resource that stays in the legacy directory, 16 when it is not locked.
   int checkResourceStatus(const char* resource);
   // Sets a resource's access and modification time, to now for null times. False when it is not found or they cannot be
-  // set. No lock.
+  // set. No lock but in the safe mode.
   bool setTimeProperties(const char* resource, utimbuf* times);
-  // Reads them. False when the resource is not found; *times is then untouched. No lock.
+  // Reads them. False when the resource is not found; *times is then untouched. No lock but in the safe mode.
   bool getTimeProperties(const char* resource, utimbuf* times);
   // Makes a directory for a resource in the legacy directory and gives its path, or null when there is no
   // legacy directory or a directory above it cannot be made. No lock.
@@ -218,6 +218,8 @@ class KT_API KTRepositoryHandler {
   KTMountPointHandler* mountAt(const std::string& path) const;
   std::string destinationOf(const ResourceEntry& entry, int target) const;
   void markDirty(const ResourceEntry& entry);
+  KT_LOCAL bool markWhileMoved(const ResourceEntry& entry);
+  KT_LOCAL void removeLeftovers(const KTMountPointHandler* mount) const;
 
   // Path of "repository.cfg", which every operation begins with; of the empty id at first.
   std::string configFile = "/repository.cfg";

@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
 #include "KTException.h"
 #include "KTRepositoryHandler.h"
@@ -13,6 +14,8 @@
 #include "listing.h"
 #include "locking.h"
 #include "messages.h"
+#include "relocation.h"
+#include "safety.h"
 #include "transfer.h"
 
 namespace {
@@ -48,6 +51,16 @@ bool touchedSinceListed(const ResourceEntry& entry) {
   return lastAccess(entry.path.c_str(), nullptr) != entry.lastAccessTime;
 }
 
+// A mark that cannot be written keeps nothing from being moved: the disk of the set may be the one that is full.
+template <typename Step>
+void inSpiteOfFailure(const Step& step) {
+  try {
+    step();
+  } catch (const KTException& failure) {
+    safety::logError(failure.m_message);
+  }
+}
+
 std::string notLocked(const char* what, const std::string& name) {
   return std::string("The ") + what + " " + quoted(name) + " could not be locked.";
 }
@@ -64,13 +77,22 @@ class KTRepositoryHandler::FruitlessRounds {
   bool tooMany() {
     rounds = progress.relocated == last ? rounds + 1 : 0;
     last = progress.relocated;
-    if (rounds < kMostFruitlessRounds) return false;
+    return rounds >= kMostFruitlessRounds && giveUp();
+  }
+
+  // To be asked then. True, once logged, when the round was fruitless and the next would try nothing else.
+  bool repeats(const Candidates& tried, const Candidates& next) {
+    return rounds > 0 && safety::endsRepeatedRounds() &&
+           std::includes(tried.begin(), tried.end(), next.begin(), next.end(), ltres()) && giveUp();
+  }
+
+ private:
+  bool giveUp() {
     progress.gaveUp = true;
     rh_logger.errorLog("CheckOverload gives up on %s: nothing could be moved or deleted", place.c_str());
     return true;
   }
 
- private:
   Progress& progress;
   unsigned long last;
   const std::string& place;
@@ -84,10 +106,11 @@ void KTRepositoryHandler::checkOverload(bool verbose) {
   if (!takeLock(semaphore)) {
     const std::string text = notLocked("repository", id);
     say(verbose, text);
-    rh_logger.errorLog(text.c_str());
+    safety::logError(text);
     return;
   }
   checkRepositoryStatus();
+  for (const KTMountPointHandler* mount : mountPoints) removeLeftovers(mount);
   if ((status & REPOSITORY_NOSPACE) && !isClearable) {
     say(verbose, "the repository is full, we can't do anything");
     return;
@@ -153,8 +176,10 @@ bool KTRepositoryHandler::deleteOldest(const KTMountPointHandler* mount, Candida
     if (!(status & REPOSITORY_NOSPACE)) return true;
     if (sweeps.tooMany()) return false;
     rh_logger.debugLog("Clearing is not enough...");
-    oldest.clear();
-    if (getGlobalOldestResources(&oldest) < 1) {
+    const Candidates tried = std::exchange(oldest, {});
+    const int found = getGlobalOldestResources(&oldest);
+    if (sweeps.repeats(tried, oldest)) return false;
+    if (found < 1) {
       rh_logger.debugLog("No other resources found to be deleted...");
       say(verbose, "No other resources found to be deleted...");
       return false;
@@ -170,7 +195,7 @@ bool KTRepositoryHandler::deleteCandidate(const KTMountPointHandler* mount, cons
   if (!takeLock(semaphore)) {
     const std::string text = notLocked("resource", semaphore.name);
     say(verbose, text);
-    rh_logger.errorLog(text.c_str());
+    safety::logError(text);
     return false;
   }
   if (touchedSinceListed(entry)) {
@@ -236,8 +261,8 @@ void KTRepositoryHandler::moveBatches(KTMountPointHandler* mount, Candidates& ol
       if (moveCandidate(mount, entry, target, verbose)) ++progress.relocated;
     }
     if (!goesOn() || batches.tooMany()) return;
-    oldest.clear();
-    if (mount->getOldestResources(&oldest, kOldestBatch, "", 0) < 0) return;
+    const Candidates tried = std::exchange(oldest, {});
+    if (mount->getOldestResources(&oldest, kOldestBatch, "", 0) < 0 || batches.repeats(tried, oldest)) return;
   }
 }
 
@@ -272,7 +297,10 @@ bool KTRepositoryHandler::moveCandidate(KTMountPointHandler* mount, const Resour
 // True when the resource was moved; a failure is logged as `failureLine`, a conflict leaves a mark.
 bool KTRepositoryHandler::moveUnderLock(const ResourceEntry& entry, const std::string& destination,
                                         const char* failureLine, bool verbose) {
+  const bool marked = markWhileMoved(entry);
   const int result = moveRes(entry.path.c_str(), destination.c_str());
+  if (marked && (result == kTransferred || !safety::isThere(destination.c_str())))
+    inSpiteOfFailure([&] { dirtyFlagHandler.setDirty(entry.name.c_str(), false); });
   if (result & kTransferConflict) {
     say(verbose, "Conflict prevented resource move");
     markDirty(entry);
@@ -293,7 +321,7 @@ int KTRepositoryHandler::moveAllResourcesFromMount(const char* mountName) {
   const std::string wanted = id + "/" + mountName;
   KTMountPointHandler* mount = mountAt(wanted);
   if (!mount) {
-    rh_logger.debugLog(("Source mount " + quoted(wanted) + " could not be found in repository.").c_str());
+    safety::logDebug("Source mount " + quoted(wanted) + " could not be found in repository.");
     return kNoSuchMount;
   }
   int target = getActualMountPointForMove(mount);
@@ -363,6 +391,27 @@ std::string KTRepositoryHandler::destinationOf(const ResourceEntry& entry, int t
   return mountPoints[static_cast<size_t>(target)]->mountPath + entry.relativePath;
 }
 
-// By the path of the copy, not by the resource's id, under which look-ups ask: the established form of these marks,
-// which names the disk to the operator who reads the set.
-void KTRepositoryHandler::markDirty(const ResourceEntry& entry) { dirtyFlagHandler.setDirty(entry.path.c_str(), true); }
+// The path names the disk to the operator who reads the set: the established form of these marks.
+void KTRepositoryHandler::markDirty(const ResourceEntry& entry) {
+  dirtyFlagHandler.setDirty((safety::marksResources() ? entry.name : entry.path).c_str(), true);
+}
+
+// In the safe mode. False when the resource has a mark already: that of somebody who knows of another copy.
+bool KTRepositoryHandler::markWhileMoved(const ResourceEntry& entry) {
+  if (!safety::marksResources()) return false;
+  bool isMarked = false;
+  inSpiteOfFailure([&] {
+    isMarked = dirtyFlagHandler.isDirty(entry.name.c_str());
+    if (!isMarked) dirtyFlagHandler.setDirty(entry.name.c_str(), true);
+  });
+  return !isMarked;
+}
+
+// Under a resource's lock, from which no move can keep it: removes what killed processes have left on a mount.
+void KTRepositoryHandler::removeLeftovers(const KTMountPointHandler* mount) const {
+  if (!safety::removesLeftCopies() || (mount->status & MOUNT_MISSING)) return;
+  for (const std::string& resource : leftCopies(mount->mountPath)) {
+    KTSemaphore semaphore(lockNameOf(resource), true);
+    if (takeLock(semaphore, kNoWait)) removeLeftCopies(mount->mountPath, resource);
+  }
+}

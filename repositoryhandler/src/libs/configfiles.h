@@ -5,10 +5,10 @@
 
 #include "KTMountPointHandler.h"
 #include "KTProperties.h"
+#include "disklayout.h"
 
 constexpr char kRepositoryConfig[] = "/repository.cfg";
-constexpr char kMountConfig[] = "/repositorypart.cfg";             // a mount in service
-constexpr char kMountConfigOutOfService[] = "/repositorypart.no";  // the same file while it is out of service
+constexpr char kMountConfigOutOfService[] = "/repositorypart.no";  // kMountConfig while the mount is out of service
 
 // Stores the natural number under `key` in `field`. An absent key and a value that is none leave it.
 inline void takeNatural(KTProperties& properties, const char* key, int& field) {

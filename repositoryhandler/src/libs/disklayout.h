@@ -9,6 +9,9 @@ constexpr unsigned int kHashLevels = 3;
 // The mode of every directory that the system makes.
 constexpr unsigned long kDirectoryMode = 0755;
 
+// The file at the root of a mount that puts it in service.
+constexpr char kMountConfig[] = "/repositorypart.cfg";
+
 // The file system's own directory at the root of a disk; never part of a repository there.
 constexpr char kLostAndFound[] = "lost+found";
 

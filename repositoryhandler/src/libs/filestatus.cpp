@@ -6,8 +6,8 @@
 #include <cerrno>
 
 #include "KTException.h"
-#include "librarylog.h"
 #include "messages.h"
+#include "safety.h"
 #include "singleprecision.h"
 
 namespace {
@@ -31,7 +31,7 @@ int myStat(const char* resource, struct stat* resStat) {
 int statFailed(const char* resource) {
   const int failure = errno;
   const std::string text = "The resource " + quoted(resource) + " can not be stat-ed. Error code is ";
-  rh_logger.errorLog(withErrorMark(text, failure).c_str());
+  safety::logError(withErrorMark(text, failure));
   return kStatusFailed;
 }
 
@@ -66,7 +66,7 @@ int myStatVfs(const char* mountPath, struct statvfs* resStatVfs) {
   if (statvfs(mountPath, resStatVfs) == 0) return 0;
   const int failure = errno;
   const std::string text = "Error occured while statvfs call to " + quoted(mountPath) + ". Error code is ";
-  rh_logger.errorLog(withErrorMark(text, failure).c_str());
+  safety::logError(withErrorMark(text, failure));
   return kStatusFailed;
 }
 

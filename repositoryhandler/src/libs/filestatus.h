@@ -50,6 +50,11 @@ KT_API int myStatVfs(const char* mountPath, struct statvfs* resStatVfs);
 // a null mountPath or blockCount.
 KT_API int blocksToFree(const char* mountPath, int limit, long* blockCount, struct statvfs* known);
 
+// Whether two statuses are of one thing, be it under two names.
+inline bool isSameInode(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 // True when both paths show the same free blocks and free inodes. It is these counts, not an identity,
 // that are compared: a file system that is written to between the two calls is taken for two, and two that
 // happen to agree for one. False when either cannot be read (logged). Throws KTAssertionException for a

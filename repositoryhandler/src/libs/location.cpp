@@ -21,6 +21,8 @@
 #include "locking.h"
 #include "messages.h"
 #include "paths.h"
+#include "relocation.h"
+#include "safety.h"
 #include "transfer.h"
 
 namespace {
@@ -40,7 +42,7 @@ char* notCreated(int* result) {
 
 // False for an id of nothing but "/": a path made from it is the directory that holds the resources. Such an
 // id is never deleted, imported or joined.
-bool namesResource(const char* id) { return id[strspn(id, "/")] != '\0'; }
+bool namesResource(const char* id) { return id[strspn(id, "/")] != '\0' && !safety::refuses(id); }
 
 std::string withoutOuterSlashes(const std::string& id) {
   const size_t first = id.find_first_not_of('/');
@@ -65,9 +67,8 @@ bool comesBefore(const OwnedChars& a, const OwnedChars& b) { return strcmp(a.get
 void setTimesToNow(const std::string& path) { utime(path.c_str(), nullptr); }
 
 void logNotMade(const std::string& directory, int failure) {
-  rh_logger.errorLog(
-      ("Error occured while creating directory " + quoted(directory) + ". Error code is " + std::to_string(failure))
-          .c_str());
+  safety::logError("Error occured while creating directory " + quoted(directory) + ". Error code is " +
+                   std::to_string(failure));
 }
 
 bool makeDirectory(const std::string& directory) {
@@ -77,11 +78,18 @@ bool makeDirectory(const std::string& directory) {
   return false;
 }
 
+bool canJoin(const char* earlier, int laterMountStatus) {
+  bool isDirectory = false;
+  return isDir(earlier, &isDirectory, nullptr) == 0 && isDirectory && !(laterMountStatus & MOUNT_FULL);
+}
+
 // Moves the earlier of two copies of a dirty resource into the later one. Returns 0, or what to report.
 int joinCopies(const char* earlier, const char* later, int laterMountStatus) {
-  bool isDirectory = false;
-  if (isDir(earlier, &isDirectory, nullptr) != 0 || !isDirectory || (laterMountStatus & MOUNT_FULL))
-    return kResourceConflict;
+  if (!canJoin(earlier, laterMountStatus)) {
+    if (!safety::dropsEqualCopies() || !dropEqualCopy(earlier, later)) return kResourceConflict;
+    clearEmptyHash(earlier);
+    return kResourceFound;
+  }
   const int moved = moveRes(earlier, later);
   rh_logger.debugLog("--- Dirty conflict handling ---");
   if (moved == kTransferred) clearEmptyHash(earlier);
@@ -115,7 +123,7 @@ char* KTMountPointHandler::createLocation(const char* id, int* result) {
   if (checkStatus(true) == MOUNT_MISSING) return notCreated(result);
   const std::string subDirectory = withoutOuterSlashes(id);
   assertAt(kOneComponent, subDirectory.find('/') == std::string::npos);
-  if (subDirectory.empty()) {  // an id without a name has no place
+  if (subDirectory.empty() || safety::refuses(id)) {  // an id without a name has no place
     logNotMade(mountPath + "/", EINVAL);
     return notCreated(result);
   }
@@ -204,13 +212,13 @@ int KTRepositoryHandler::checkResourceStatus(const char* resource) {
 }
 
 bool KTRepositoryHandler::setTimeProperties(const char* resource, utimbuf* times) {
-  const OwnedChars location(getLocation(resource, nullptr, false, false));
+  const OwnedChars location(getLocation(resource, nullptr, safety::locksForTimes(), false));
   return location && utime(location.get(), times) != -1;
 }
 
 bool KTRepositoryHandler::getTimeProperties(const char* resource, utimbuf* times) {
   KT_ASSERT(times);
-  const OwnedChars location(getLocation(resource, nullptr, false, false));
+  const OwnedChars location(getLocation(resource, nullptr, safety::locksForTimes(), false));
   struct stat found;
   if (!location || myStat(location.get(), &found) != 0) return false;
   times->actime = found.st_atime;
@@ -220,7 +228,7 @@ bool KTRepositoryHandler::getTimeProperties(const char* resource, utimbuf* times
 
 char* KTRepositoryHandler::createToLegacy(const char* resource) {
   KT_ASSERT(resource);
-  if (legacyDir.empty()) return nullptr;
+  if (legacyDir.empty() || safety::refuses(resource)) return nullptr;
   const std::string path = legacyDir + "/" + resource;
   return mkdirs(path.c_str(), kDirectoryMode) == 0 ? mystrdup(path.c_str()) : nullptr;
 }
@@ -254,11 +262,15 @@ std::string KTRepositoryHandler::lockNameOf(const std::string& resource) const {
 
 bool KTRepositoryHandler::takeResourceLock(KTSemaphore& semaphore) const {
   if (takeLock(semaphore)) return true;
-  rh_logger.errorLog(("The resource " + quoted(semaphore.name) + " could not be locked.").c_str());
+  safety::logError("The resource " + quoted(semaphore.name) + " could not be locked.");
   return false;
 }
 
 char* KTRepositoryHandler::locate(const char* resource, int* result, bool touch) {
+  if (safety::refuses(resource)) {
+    report(result, kResourceNotFound);
+    return nullptr;
+  }
   if (char* legacy = importFromLegacy(resource, touch)) return legacy;
   return locateOnMounts(resource, result, touch);
 }
@@ -319,7 +331,7 @@ char* KTRepositoryHandler::createUnderLock(const char* resource, int* result, bo
   std::string text = "The repository " + quoted(id) + " is ";
   text += status & REPOSITORY_MISSING ? "missing" : "full";
   if (status & REPOSITORY_INCOMPLETE) text += " and incomplete";
-  rh_logger.errorLog(text.c_str());
+  safety::logError(text);
   report(result, kResourceNotCreated);
   return nullptr;
 }

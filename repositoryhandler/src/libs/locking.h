@@ -23,11 +23,14 @@ inline std::string resourceLockName(std::string_view repository, std::string_vie
   return name;
 }
 
+// How to ask once, without waiting.
+constexpr int kNoWait = -1;
+
 // True when the lock was taken. A time-out and a lock file that cannot be made are both answers here, not
 // exceptions: the caller goes on without the locked step. The semaphore releases the lock at its end.
-inline bool takeLock(KTSemaphore& semaphore) {
+inline bool takeLock(KTSemaphore& semaphore, int timeout = kLockTimeoutSeconds) {
   try {
-    return semaphore.lock(kLockTimeoutSeconds);
+    return semaphore.lock(timeout);
   } catch (const KTException&) {
     return false;
   }

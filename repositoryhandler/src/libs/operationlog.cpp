@@ -10,6 +10,7 @@
 #include "locking.h"
 #include "messages.h"
 #include "paths.h"
+#include "safety.h"
 
 namespace {
 
@@ -50,11 +51,11 @@ void writeToLogGlobal(const char* path, const char* text) {
   try {
     KTSemaphore semaphore(resourceLockName(path, ""), true);
     if (!takeLock(semaphore)) {
-      rh_logger.errorLog(("The log file " + quoted(path) + " could not be locked.").c_str());
+      safety::logError("The log file " + quoted(path) + " could not be locked.");
       return;
     }
     writeUnlessThere(path, text);
   } catch (const KTException& failure) {  // the lock file could not be removed, and holds up whoever comes next
-    rh_logger.errorLog(failure.m_message.c_str());
+    safety::logError(failure.m_message);
   }
 }

@@ -9,7 +9,9 @@
 #include "configfiles.h"
 #include "filestatus.h"
 #include "librarylog.h"
+#include "messages.h"
 #include "paths.h"
+#include "safety.h"
 
 namespace {
 
@@ -116,6 +118,11 @@ void KTRepositoryHandler::addMounts(const char* list) {
 }
 
 void KTRepositoryHandler::addMount(const std::string& path) {
+  for (const KTMountPointHandler* mount : mountPoints) {
+    if (!safety::isOneMount(path, mount->mountPath)) continue;
+    safety::logError("The mount " + quoted(path) + " is left out: it is the directory of " + quoted(mount->mountPath));
+    return;
+  }
   mountPoints.reserve(mountPoints.size() + 1);  // first: between the making and the storing nothing may fail
   mountPoints.push_back(new KTMountPointHandler(path, this));
 }

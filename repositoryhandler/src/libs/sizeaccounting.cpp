@@ -18,6 +18,8 @@
 #include "librarylog.h"
 #include "listing.h"
 #include "paths.h"
+#include "safety.h"
+#include "statefile.h"
 
 namespace {
 
@@ -50,17 +52,30 @@ SizeCache readCache(const std::string& file) {
   return cache;
 }
 
-void writeCache(const std::string& file, const SizeSet& found) {
+std::string contentOf(const SizeSet& found) {
+  std::string content;
+  for (const CountResourceSetEntry& entry : found)
+    content += entry.name + "\n" + std::to_string(entry.time) + "\n" + std::to_string(entry.size) + "\n";
+  return content;
+}
+
+// Where a new file replaces the old one it is written as the scratch file, which no count takes for a resource.
+void writeCache(const std::string& directory, const SizeSet& found) {
+  const std::string file = directory + kCacheName;
+  if (safety::replacesStateFiles()) {
+    const bool f = replaceFile(file, directory + kScratchName, contentOf(found));
+    KT_ASSERT(f);
+    return;
+  }
   const OwnedFile f(fopen(file.c_str(), "w"));
   KT_ASSERT(f);
-  for (const CountResourceSetEntry& entry : found)
-    fprintf(f.get(), "%s\n%ld\n%ld\n", entry.name.c_str(), entry.time, entry.size);
+  fputs(contentOf(found).c_str(), f.get());
 }
 
 // Kilobytes by du, or 0 when it gave none.
 long runDu(const std::string& path, const std::string& scratch) {
   long size = 0;
-  const int status = system(("du -sk \"" + path + "\" > " + scratch).c_str());
+  const int status = system(safety::measureCommand(path, scratch).c_str());
   if (status != 0 || !exists(scratch.c_str())) {
     rh_logger.debugLog("ERROR: du terminated abnormally\n");
     return size;
@@ -117,7 +132,7 @@ long countSize(const char* directory, bool flat) {
   }
   SizeSet found;
   const long total = countSizeRecursively(directory, &cache, &found, directory, 0, flat ? kHashLevels : 0, flat);
-  writeCache(file, found);
+  writeCache(directory, found);
   return total;
 }
 

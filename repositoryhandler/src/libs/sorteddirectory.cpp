@@ -20,7 +20,8 @@ SortedDirectory::SortedDirectory(std::string where) : path(std::move(where)), di
   // Only the errno that comes with the end tells a failure: storing a name may leave one behind that means nothing.
   while (const dirent* entry = (errno = 0, readdir(directory.get())))
     if (!isDotEntry(entry->d_name)) names.emplace_back(entry->d_name);
-  if (errno != 0) names.clear();
+  isWhole = errno == 0;
+  if (!isWhole) names.clear();
   std::stable_sort(names.begin(), names.end(), collatesBefore);  // of names that collate alike, what was read first
 }
 

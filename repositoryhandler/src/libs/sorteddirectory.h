@@ -23,6 +23,7 @@ class SortedDirectory {
   int examine(const std::string& name, struct stat* status) const;
 
   const std::string path;
+  bool isWhole = false;            // it was read to its end
   std::vector<std::string> names;  // without "." and "..", as scandir with alphasort orders them
 
  private:

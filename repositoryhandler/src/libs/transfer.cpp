@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utime.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -15,10 +14,11 @@
 #include "disklayout.h"
 #include "filestatus.h"
 #include "hashlayout.h"
-#include "librarylog.h"
 #include "listing.h"
 #include "messages.h"
 #include "paths.h"
+#include "relocation.h"
+#include "safety.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ constexpr int kNoParentDirectory = -1;
 
 // Logs `text` with the error mark and gives the result for it.
 int failed(const std::string& text, int failure) {
-  rh_logger.errorLog(withErrorMark(text, failure).c_str());
+  safety::logError(withErrorMark(text, failure));
   return kTransferFailed;
 }
 
@@ -42,18 +42,18 @@ int forEachEntry(const char* directory, const Step& step) {
   return 0;
 }
 
-int moveToAbsent(const char* origin, const char* destination, const utimbuf& times) {
+int moveToAbsent(const char* origin, const char* destination, const struct stat& status) {
   if (mountRename(origin, destination) != 0) {
     const int failure = errno;
     return failed(
         "The resource " + quoted(origin) + " could not be renamed to " + quoted(destination) + ". Error code is ",
         failure);
   }
-  utime(destination, &times);
+  safety::restoreTimes(destination, status);
   return kTransferred;
 }
 
-int mergeDirectory(const char* origin, const char* destination, const utimbuf& times) {
+int mergeDirectory(const char* origin, const char* destination, const struct stat& status) {
   const int result = forEachEntry(origin, [=](const std::string& entry) {
     return moveRes((origin + entry).c_str(), (destination + entry).c_str());
   });
@@ -62,29 +62,29 @@ int mergeDirectory(const char* origin, const char* destination, const utimbuf& t
     const int failure = errno;
     return failed("The directory " + quoted(origin) + " could not be removed. Error code is ", failure);
   }
-  utime(destination, &times);
+  safety::restoreTimes(destination, status);
   return kTransferred;
 }
 
 }  // namespace
 
 int moveRes(const char* origin, const char* destination) {
-  assertAt(kOriginExists, exists(origin));
+  assertAt(kOriginExists, safety::isThere(origin));
   KT_ASSERT(destination);
   struct stat status;
-  if (myStat(origin, &status) != 0) {
+  if (safety::examine(origin, &status) != 0) {
     const int failure = errno;
     return failed("The resource " + quoted(origin) + " could not be stated \"", failure);
   }
-  const utimbuf times = {status.st_atime, status.st_mtime};
-  if (!exists(destination)) return moveToAbsent(origin, destination, times);
-  bool isDirectory = false;
-  if (isDir(origin, &isDirectory, nullptr) != 0) return kTransferFailed;
-  if (!isDirectory) {
-    rh_logger.errorLog(("The resource " + quoted(origin) + " conflicts with " + quoted(destination) + ".").c_str());
+  if (!safety::isThere(destination)) return moveToAbsent(origin, destination, status);
+  struct stat now;
+  if (safety::examine(origin, &now) != 0) return kTransferFailed;
+  if (!S_ISDIR(now.st_mode) || !safety::mayMerge(origin, destination)) {
+    if (safety::dropsEqualCopies() && dropEqualCopy(origin, destination)) return kTransferred;
+    safety::logError("The resource " + quoted(origin) + " conflicts with " + quoted(destination) + ".");
     return kTransferConflict;
   }
-  return mergeDirectory(origin, destination, times);
+  return mergeDirectory(origin, destination, status);
 }
 
 int mountRename(const char* origin, const char* destination) {
@@ -92,18 +92,18 @@ int mountRename(const char* origin, const char* destination) {
   const OwnedChars parent(baseDir(destination));
   if (!parent) return kNoParentDirectory;
   if (const int result = mkdirs(parent.get(), kDirectoryMode)) return result;
-  const std::string both = std::string(origin) + " " + destination;
-  if (const int status = run("cp -r " + both)) return status;
-  const int difference = run("diff -q -r " + both);
-  run(std::string("rm -fr ") + (difference != 0 ? destination : origin));
+  if (safety::movesOutOfSight()) return relocate(origin, destination);
+  if (const int status = run(safety::copyCommand(origin, destination))) return status;
+  const int difference = run(safety::compareCommand(origin, destination));
+  run(safety::removeCommand(difference != 0 ? destination : origin));
   return difference;
 }
 
 int deleteRes(const char* path) {
-  if (!exists(path)) return kTransferred;
-  bool isDirectory = false;
-  if (isDir(path, &isDirectory, nullptr) != 0) return kTransferFailed;
-  if (isDirectory) {
+  if (!safety::isThere(path)) return kTransferred;
+  struct stat status;
+  if (safety::examine(path, &status) != 0) return kTransferFailed;
+  if (S_ISDIR(status.st_mode)) {
     const int result = forEachEntry(path, [=](const std::string& entry) { return deleteRes((path + entry).c_str()); });
     if (result != kTransferred) return result;
   }

@@ -1,0 +1,3 @@
+#include "KTHooks.h"
+
+constinit KTHooks ktHooks = {};

@@ -1,0 +1,158 @@
+#include "lockowner.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "filestatus.h"
+#include "librarylog.h"
+
+namespace {
+
+constexpr mode_t kLockFileMode = 0660;  // as KTSemaphore makes them
+constexpr size_t kMostBytes = 1023;     // of what is read; an owner is shorter
+
+class Descriptor {
+ public:
+  explicit Descriptor(int opened) : number(opened) {}
+  ~Descriptor() {
+    if (number >= 0) close(number);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  const int number;
+};
+
+std::string contentOf(int descriptor) {
+  char bytes[kMostBytes];
+  const ssize_t size = pread(descriptor, bytes, sizeof bytes, 0);
+  return {bytes, size > 0 ? static_cast<size_t>(size) : 0};
+}
+
+// The first bytes of a small file of the kernel; empty when it cannot be read.
+std::string kernelText(const char* path) {
+  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  return file.number < 0 ? "" : contentOf(file.number);
+}
+
+// Distinct for each process id namespace of a running kernel.
+std::string namespaceOfThis() {
+  struct stat status;
+  return stat("/proc/self/ns/pid", &status) == 0 ? std::to_string(status.st_ino) : "";
+}
+
+// In ticks after the start of the kernel; empty for a process that is not there or cannot be looked at.
+std::string startOf(const std::string& process) {
+  const std::string text = kernelText(("/proc/" + process + "/stat").c_str());
+  // The name in parentheses may hold anything; behind it the start is the 20th field.
+  size_t at = text.rfind(')');
+  for (int field = 0; field < 20 && at != std::string::npos; ++field) at = text.find(' ', at + 1);
+  return at == std::string::npos ? "" : text.substr(at + 1, text.find(' ', at + 1) - at - 1);
+}
+
+// The kernel that runs now: another machine has another, and so has this one after a restart.
+std::string runningKernel() {
+  std::string text = kernelText("/proc/sys/kernel/random/boot_id");
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  return text;
+}
+
+struct Owner {
+  std::string host;  // of a machine that was copied while it ran the kernel has the same number
+  std::string kernel;
+  std::string space;
+  std::string process;
+  std::string start;
+
+  std::string line() const { return host + " " + kernel + " " + space + " " + process + " " + start + "\n"; }
+};
+
+// Of a process that cannot look at itself the parts are empty, and the line is none that `ownerIn` reads.
+Owner thisProcess() {
+  utsname names;
+  const std::string host = uname(&names) == 0 ? names.nodename : "localhost";
+  return {host, runningKernel(), namespaceOfThis(), std::to_string(getpid()), startOf("self")};
+}
+
+// False for a file of the default mode, or one that another process is about to write.
+bool ownerIn(const std::string& content, Owner& owner) {
+  std::string* const parts[] = {&owner.host, &owner.kernel, &owner.space, &owner.process, &owner.start};
+  size_t begin = 0;
+  for (std::string* part : parts) {
+    const size_t end = content.find(part == &owner.start ? '\n' : ' ', begin);
+    if (end == std::string::npos || end == begin) return false;
+    *part = content.substr(begin, end - begin);
+    begin = end + 1;
+  }
+  return true;
+}
+
+bool isGone(const Owner& owner, const Owner& self) {
+  if (owner.host != self.host || owner.kernel != self.kernel || owner.space != self.space) return false;
+  const auto process = static_cast<pid_t>(strtol(owner.process.c_str(), nullptr, 10));
+  if (process <= 0 || std::to_string(process) != owner.process) return false;  // no process id: the file is damaged
+  if (kill(process, 0) != 0 && errno == ESRCH) return true;
+  const std::string start = startOf(owner.process);
+  return !start.empty() && start != owner.start;  // its id has gone to another process
+}
+
+// What a longer line leaves behind the line feed is never read.
+bool write(int descriptor, const Owner& owner) {
+  const std::string line = owner.line();
+  return pwrite(descriptor, line.data(), line.size(), 0) == static_cast<ssize_t>(line.size());
+}
+
+// Whether the lock file is still the one that was opened: its holder may have released it meanwhile.
+bool isStillAt(const std::string& path, int descriptor) {
+  struct stat opened;
+  struct stat named;
+  return fstat(descriptor, &opened) == 0 && stat(path.c_str(), &named) == 0 && isSameInode(opened, named);
+}
+
+bool isOfGoneProcess(int descriptor, const Owner& self, Owner& owner) {
+  return ownerIn(contentOf(descriptor), owner) && isGone(owner, self);
+}
+
+}  // namespace
+
+std::optional<bool> makeSignedLock(const std::string& lockFile) {
+  if (access(lockFile.c_str(), F_OK) == 0) return false;  // as while it is waited for: without the work below
+  const std::string directory = lockFile.substr(0, lockFile.rfind('/'));
+  const Descriptor file(open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kLockFileMode));
+  if (file.number < 0 || !write(file.number, thisProcess())) return std::nullopt;
+  const std::string nameless = "/proc/self/fd/" + std::to_string(file.number);
+  if (linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, lockFile.c_str(), AT_SYMLINK_FOLLOW) == 0) return true;
+  if (errno == EEXIST) return false;
+  return std::nullopt;
+}
+
+void signLock(const std::string& lockFile) {
+  const Descriptor file(open(lockFile.c_str(), O_WRONLY | O_CLOEXEC));
+  if (file.number >= 0) write(file.number, thisProcess());
+}
+
+bool takeOverLock(const std::string& lockFile) {
+  const Descriptor file(open(lockFile.c_str(), O_RDWR | O_CLOEXEC));
+  if (file.number < 0) return false;
+  const Owner self = thisProcess();
+  Owner owner;
+  if (!isOfGoneProcess(file.number, self, owner)) return false;
+  // Among those that see the same, the kernel's own lock decides; it ends with the descriptor. A name that is written
+  // over stands for a process that lives: the next one that looks, under that lock, lets go.
+  if (flock(file.number, LOCK_EX | LOCK_NB) != 0) return false;
+  if (!isOfGoneProcess(file.number, self, owner)) return false;
+  // Asked last: an operator may have removed the file until here, and then holds it who made it anew.
+  if (!write(file.number, self) || !isStillAt(lockFile, file.number)) return false;
+  rh_logger.infoLog("The lock %s was taken over from process %s, which is gone", lockFile.c_str(),
+                    owner.process.c_str());
+  return true;
+}

@@ -1,0 +1,13 @@
+// The safe mode's way to write a small file whole. Internal to the library.
+
+#ifndef REPOSITORYHANDLER_STATEFILE_H
+#define REPOSITORYHANDLER_STATEFILE_H
+
+#include <string>
+
+// Puts a file with this content, on the disk already, in the place of the one at `path`, whose mode and, as far as that
+// may be, owner and group it gets. `temporary` is a path beside it that nothing else uses: what is there goes. False,
+// with errno, when that failed; the old file is as it was then.
+bool replaceFile(const std::string& path, const std::string& temporary, const std::string& content);
+
+#endif

@@ -1,0 +1,12 @@
+// The safe mode's comparison of a resource with its copy. Internal to the library.
+
+#ifndef REPOSITORYHANDLER_TREECOMPARISON_H
+#define REPOSITORYHANDLER_TREECOMPARISON_H
+
+#include <string>
+
+// Returns 0 when two trees hold the same: names, types, contents of files, targets of links, numbers of devices. Else
+// the status of diff, or that of a diff that found a difference.
+int compareTrees(const std::string& origin, const std::string& copy);
+
+#endif

@@ -1,0 +1,218 @@
+// Enumerates the faults of one scenario:
+//
+//   faults_test SWEEP SCENARIO MODE     errors, reads, kill, takeover, doublekill or memory; default or safe
+//   faults_test --list                  the scenarios
+//   faults_test --replay=CASE           one run, with its calls; a failing case is printed with this flag
+//
+// Exit status 0 when what breaks an invariant is what tests/faults/pinned.txt says: nothing else and nothing less. Its
+// lines are "SWEEP SCENARIO MODE CALL INVARIANT"; a call is PROGRAM:NAME and which of the small files it was for.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+
+#include "faults/run.h"
+#include "support/scratch.h"
+
+namespace {
+
+constexpr const char* kPinned = KT_SOURCE_DIRECTORY "/tests/faults/pinned.txt";
+
+const std::map<std::string, Sweep> kSweeps = {
+    {"errors", Sweep::errors},     {"reads", Sweep::reads},           {"kill", Sweep::kill},
+    {"takeover", Sweep::takeover}, {"doublekill", Sweep::doubleKill}, {"memory", Sweep::memory}};
+const std::map<std::string, bool> kModes = {{"default", false}, {"safe", true}};
+const std::map<std::string, int> kErrors = {
+    {"ENOSPC", ENOSPC}, {"EIO", EIO},       {"EACCES", EACCES}, {"EROFS", EROFS},   {"EINTR", EINTR},
+    {"EMFILE", EMFILE}, {"ENOENT", ENOENT}, {"EDQUOT", EDQUOT}, {"ENOMEM", ENOMEM}, {"ELOOP", ELOOP}};
+const std::map<std::string, Strike> kStrikes = {
+    {"none", Strike::none}, {"once", Strike::once}, {"onwards", Strike::onwards}, {"kill", Strike::kill}};
+
+template <typename Value>
+Value valueOf(const std::map<std::string, Value>& names, const std::string& name) {
+  const auto found = names.find(name);
+  if (found == names.end()) throw std::invalid_argument("unknown: " + name);
+  return found->second;
+}
+
+template <typename Value>
+std::string nameOf(const std::map<std::string, Value>& names, const Value& value) {
+  for (const auto& [name, each] : names)
+    if (each == value) return name;
+  return "0";
+}
+
+// SWEEP/SCENARIO/MODE/STRIKE/POINT/ERROR/SECOND
+std::string textOf(const Case& which) {
+  return nameOf(kSweeps, which.sweep) + "/" + which.scenario->name + "/" + nameOf(kModes, which.safe) + "/" +
+         nameOf(kStrikes, which.fault.strike) + "/" + std::to_string(which.fault.point) + "/" +
+         nameOf(kErrors, which.fault.error) + "/" + std::to_string(which.second);
+}
+
+Case caseOf(const std::string& text) {
+  std::vector<std::string> parts;
+  std::istringstream stream(text);
+  for (std::string part; std::getline(stream, part, '/');) parts.push_back(part);
+  if (parts.size() != 7) throw std::invalid_argument("no case: " + text);
+  const auto number = [](const std::string& part) { return static_cast<unsigned int>(std::stoul(part)); };
+  const int error = parts[5] == "0" ? 0 : valueOf(kErrors, parts[5]);
+  return {valueOf(kSweeps, parts[0]),
+          &scenarioOf(parts[1]),
+          valueOf(kModes, parts[2]),
+          {valueOf(kStrikes, parts[3]), number(parts[4]), error},
+          number(parts[6])};
+}
+
+// On a file system in memory, where there is one: the safe mode flushes at each move.
+std::string scratchBase() {
+  const char* given = getenv("TMPDIR");
+  return given ? given : access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+}
+
+// The faults of one scenario, and what they broke.
+class Enumeration {
+ public:
+  Enumeration(Sweep s, const Scenario& which, bool isSafe) : sweep(s), scenario(which), safe(isSafe) {}
+
+  bool holdsWhatIsPinned() {
+    const Outcome undisturbed = judge({sweep, &scenario, safe, {}, 0});
+    if (!undisturbed.broken.empty()) return false;
+    points = undisturbed.points;
+    for (unsigned int point = 1; point <= points; ++point) strikeAt(point);
+    return matchesPinned();
+  }
+
+  void tell(double seconds) const {
+    printf("%s %s %s: %u points, %lu runs, %lu with a violation, %zu of them pinned kinds, %.1f s\n",
+           nameOf(kSweeps, sweep).c_str(), scenario.name.c_str(), nameOf(kModes, safe).c_str(), points, runs,
+           violations, found.size(), seconds);
+  }
+
+ private:
+  void strikeAt(unsigned int point) {
+    switch (sweep) {
+      case Sweep::errors:
+      case Sweep::reads:
+        for (const auto& error : kErrors)
+          for (const Strike strike : {Strike::once, Strike::onwards})
+            judge({sweep, &scenario, safe, {strike, point, error.second}, 0});
+        break;
+      case Sweep::memory:
+        for (const Strike strike : {Strike::once, Strike::onwards})
+          judge({sweep, &scenario, safe, {strike, point, 0}, 0});
+        break;
+      case Sweep::doubleKill:
+        for (unsigned int second = 1; judge({sweep, &scenario, safe, {Strike::kill, point, 0}, second}).secondPoints;)
+          ++second;
+        break;
+      default:
+        judge({sweep, &scenario, safe, {Strike::kill, point, 0}, 0});
+    }
+  }
+
+  Outcome judge(const Case& which) {
+    const Outcome outcome = run(which, scratch / "run", false);
+    ++runs;
+    if (!outcome.broken.empty()) ++violations;
+    // How many allocations there are depends on the digits of a process id; how many calls, on nothing.
+    if (sweep != Sweep::memory && which.fault.strike != Strike::none && outcome.struck.empty())
+      noteKind("nothing", "unrepeatable", which);
+    for (const std::string& invariant : outcome.broken) noteKind(outcome.struck, invariant, which);
+    return outcome;
+  }
+
+  void noteKind(const std::string& call, const std::string& invariant, const Case& which) {
+    const std::string kind =
+        nameOf(kSweeps, sweep) + " " + scenario.name + " " + nameOf(kModes, safe) + " " + call + " " + invariant;
+    if (found.emplace(kind, textOf(which)).second && pinned().count(kind) == 0)
+      printf("%s\n    --replay=%s\n", kind.c_str(), textOf(which).c_str());
+  }
+
+  bool matchesPinned() const {
+    bool matches = true;
+    for (const auto& [kind, replay] : found)
+      if (!pinned().count(kind)) matches = false;
+    const std::string mine = nameOf(kSweeps, sweep) + " " + scenario.name + " " + nameOf(kModes, safe) + " ";
+    for (const std::string& kind : pinned()) {
+      if (kind.rfind(mine, 0) != 0 || found.count(kind)) continue;
+      printf("%s\n    is pinned, but did not occur\n", kind.c_str());
+      matches = false;
+    }
+    return matches;
+  }
+
+  // Lines that begin with "#" say why.
+  static const std::set<std::string>& pinned() {
+    static const std::set<std::string> kinds = [] {
+      std::set<std::string> lines;
+      std::ifstream file(kPinned);
+      for (std::string line; std::getline(file, line);)
+        if (!line.empty() && line[0] != '#') lines.insert(line);
+      return lines;
+    }();
+    return kinds;
+  }
+
+  const Sweep sweep;
+  const Scenario& scenario;
+  const bool safe;
+  const ScratchDirectory scratch;
+  unsigned int points = 0;
+  unsigned long runs = 0;
+  unsigned long violations = 0;
+  std::map<std::string, std::string> found;  // kinds, each with its first case
+};
+
+int replay(const std::string& text) {
+  const Case which = caseOf(text);
+  const ScratchDirectory scratch;
+  const Outcome outcome = run(which, scratch / "run", true);
+  for (size_t i = 0; i < outcome.calls.size(); ++i)
+    printf("%4zu %s%s\n", i + 1, outcome.calls[i].c_str(), i + 1 == which.fault.point ? "   <- here" : "");
+  for (const std::string& reason : outcome.reasons) printf("%s\n", reason.c_str());
+  printf("%s\n", outcome.broken.empty() ? "all invariants hold" : "broken");
+  return outcome.broken.empty() ? 0 : 1;
+}
+
+int list() {
+  for (const Scenario& scenario : scenarios()) printf("%s\n", scenario.name.c_str());
+  return 0;
+}
+
+int enumerate(const std::string& sweep, const std::string& scenario, const std::string& mode) {
+  const auto begin = std::chrono::steady_clock::now();
+  Enumeration enumeration(valueOf(kSweeps, sweep), scenarioOf(scenario), valueOf(kModes, mode));
+  const bool held = enumeration.holdsWhatIsPinned();
+  enumeration.tell(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+  return held ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  setenv("TMPDIR", scratchBase().c_str(), 1);
+  setenv("LC_ALL", "C", 1);
+  setenv("TZ", "UTC", 1);
+  umask(022);
+  constexpr std::string_view kReplay = "--replay=";
+  try {
+    const std::string first = argc > 1 ? argv[1] : "";
+    if (first.rfind(kReplay, 0) == 0) return replay(first.substr(kReplay.size()));
+    if (first == "--list") return list();
+    if (argc == 4) return enumerate(first, argv[2], argv[3]);
+    std::cerr << "usage: faults_test SWEEP SCENARIO MODE | --list | --replay=CASE\n";
+  } catch (const std::exception& failure) {
+    std::cerr << "faults_test: " << failure.what() << "\n";
+  }
+  return 2;
+}

@@ -1,0 +1,324 @@
+#include "faults/run.h"
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <new>
+
+#include "KTException.h"
+#include "entrypoints.h"
+#include "faults/allocations.h"
+#include "registry.h"
+#include "support/results.h"
+#include "support/scratch.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr size_t kMostResources = 5;
+
+enum class Ending { none, answered, libraryException, noMemory, otherException };
+
+// What the forked processes tell.
+struct Report {
+  Ending ending;
+  int value;
+  char path[PATH_MAX];
+  long descriptorsBefore;
+  long descriptorsAfter;
+  size_t allocations;
+  size_t kept;
+  bool recovered;
+  char found[kMostResources][PATH_MAX];
+};
+
+// In memory that they share with this one.
+class SharedReport {
+ public:
+  SharedReport()
+      : report(static_cast<Report*>(
+            mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
+    if (report == MAP_FAILED) throw std::bad_alloc();
+  }
+  ~SharedReport() { munmap(report, sizeof(Report)); }
+  SharedReport(const SharedReport&) = delete;
+  SharedReport& operator=(const SharedReport&) = delete;
+
+  Report* operator->() const { return report; }
+
+ private:
+  Report* report;
+};
+
+void copyText(char (&to)[PATH_MAX], const std::string& text) { to[text.copy(to, PATH_MAX - 1)] = '\0'; }
+
+std::string bytesOf(const std::string& path) {
+  std::string bytes(static_cast<size_t>(fs::file_size(path)), '\0');
+  std::ifstream(path, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return bytes;
+}
+
+Contents contentsOf(const std::string& path) {
+  Contents contents;
+  if (!fs::is_directory(path)) {
+    if (fs::exists(path)) contents[""] = bytesOf(path);
+    return contents;
+  }
+  for (const auto& entry : fs::recursive_directory_iterator(path))
+    if (entry.is_regular_file()) contents[entry.path().string().substr(path.size() + 1)] = bytesOf(entry.path());
+  return contents;
+}
+
+bool holds(const Contents& all, const Contents& wanted) {
+  return std::all_of(wanted.begin(), wanted.end(), [&](const auto& file) {
+    const auto found = all.find(file.first);
+    return found != all.end() && found->second == file.second;
+  });
+}
+
+bool isCompleteAt(const std::string& path, const Resource& resource) {
+  return !path.empty() && holds(contentsOf(path), resource.contents);
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t begin = 0;
+  for (size_t end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
+    lines.push_back(text.substr(begin, end - begin));
+  if (begin < text.size()) lines.push_back(text.substr(begin));
+  return lines;
+}
+
+class Run {
+ public:
+  Run(const Case& c, const std::string& root, bool recordCalls)
+      : which(c), scenario(*c.scenario), ground{root}, record(recordCalls) {}
+
+  Outcome judged() {
+    prepare();
+    operate();
+    if (!wasKilled()) judgeOperation();
+    judgeState();
+    if (which.sweep == Sweep::doubleKill && wasKilled()) killRecovery();
+    recover();
+    judgeState();
+    judgeLookUps();
+    return outcome;
+  }
+
+ private:
+  void prepare() const {
+    fs::remove_all(ground.root);
+    for (const std::string& directory : {ground.repository(), ground.locks(), ground.legacy()})
+      makeDirectories(directory);
+    writeFile(ground.outside() + "/file", "outside");
+    scenario.setUp(ground);
+  }
+
+  bool wasKilled() const { return which.fault.strike == Strike::kill && !outcome.struck.empty(); }
+
+  void enterWorld() const {
+    setenv("LOCK_VAR", ground.locks().c_str(), 1);
+    setenv("KT_SAFE", which.safe ? "1" : "0", 1);
+    if (chdir(ground.outside().c_str()) != 0) _exit(1);
+    fillDisks(scenario.fills(ground));
+    const time_t now = 0;
+    static_cast<void>(ctime(&now));  // reads the time zone once for all
+  }
+
+  void operate() {
+    const bool memory = which.sweep == Sweep::memory;
+    const size_t refused = memory && which.fault.strike != Strike::none ? which.fault.point : 0;
+    const auto body = [&] {
+      enterWorld();
+      report->descriptorsBefore = openDescriptors();
+      switchWatching();
+      tell(refused);
+      switchWatching();
+      report->descriptorsAfter = openDescriptors();
+    };
+    seen = memory ? runAlone(body) : supervise(body, which.fault, {which.sweep == Sweep::reads, record});
+    outcome.points = memory ? static_cast<unsigned int>(report->allocations) : seen.points;
+    const bool came = refused > 0 && (report->ending == Ending::none || refused <= report->allocations);
+    outcome.struck = came ? "allocation" : seen.struck;
+    outcome.calls = seen.calls;
+  }
+
+  // The handlers of repositories are the process's: they go before what is kept is counted.
+  void tell(size_t refusedAllocation) {
+    allocations::begin(refusedAllocation, which.fault.strike == Strike::onwards);
+    try {
+      const Answer answer = scenario.operate(ground);
+      allocations::end();
+      report->value = answer.value;
+      copyText(report->path, answer.path);
+      report->ending = Ending::answered;
+    } catch (const KTException&) {
+      report->ending = Ending::libraryException;
+    } catch (const std::bad_alloc&) {
+      report->ending = Ending::noMemory;
+    } catch (...) {
+      report->ending = Ending::otherException;
+    }
+    allocations::end();
+    for (const auto& entry : repositoryMap) delete entry.second;
+    repositoryMap.clear();
+    report->allocations = allocations::made();
+    report->kept = allocations::kept();
+  }
+
+  void broken(const char* invariant, const std::string& reason) {
+    outcome.broken.insert(invariant);
+    outcome.reasons.insert(invariant + (": " + reason));
+  }
+
+  void judgeOperation() {
+    if (isHung(seen)) return broken("I9", "the operation does not end");
+    if (seen.status != 0) broken("I6", "the process ended with status " + std::to_string(seen.status));
+    judgeAnswer();
+    if (seen.childrenLeft) broken("I8", "a child is left");
+    if (report->descriptorsAfter > report->descriptorsBefore) broken("I8", "a descriptor is left");
+    if (report->kept > 0) broken("I8", std::to_string(report->kept) + " blocks of memory are left");
+    // A lock file whose removal is refused for ever stays, whoever tries, and one that is said to be gone is left.
+    const bool mustStay = seen.removalRefused && (which.fault.strike == Strike::onwards || which.fault.error == ENOENT);
+    if (!mustStay)
+      for (const auto& entry : fs::directory_iterator(ground.locks())) broken("I4", entry.path().filename());
+  }
+
+  static bool isHung(const Observed& process) {
+    return process.hung || (WIFEXITED(process.status) && WEXITSTATUS(process.status) == kSleptForEver);
+  }
+
+  void judgeAnswer() {
+    if (report->ending == Ending::otherException) broken("I6", "an exception of another library");
+    if (report->ending == Ending::noMemory && which.sweep != Sweep::memory) broken("I6", "bad_alloc");
+    if (report->ending != Ending::answered) return;
+    if (!scenario.values.count(report->value)) broken("I6", "the result is " + std::to_string(report->value));
+    const bool found = report->value == 0 || report->value == 1;
+    if (scenario.looksUp && found && *report->path && !isCompleteAt(report->path, scenario.resources.front()))
+      broken("I2", "the operation itself found a part");
+  }
+
+  // I1, I3 and I7: what holds at every time.
+  void judgeState() {
+    for (const Resource& resource : scenario.resources)
+      if (!resource.mayGo && !isWhole(resource)) broken("I1", resource.id + " is not complete anywhere");
+    judgeOutside();
+    judgeMarks();
+  }
+
+  std::vector<std::string> placesOf(const Resource& resource) const {
+    std::vector<std::string> places = {ground.legacy() + "/" + resource.id};
+    for (int mount = 0; mount < kMounts; ++mount) places.push_back(ground.place(mount, resource.id));
+    return places;
+  }
+
+  // What is being joined is whole as long as each file is complete somewhere.
+  bool isWhole(const Resource& resource) const {
+    std::vector<Contents> copies;
+    for (const std::string& path : placesOf(resource)) copies.push_back(contentsOf(path));
+    const auto isSomewhere = [&](const Contents& wanted) {
+      return std::any_of(copies.begin(), copies.end(), [&](const Contents& copy) { return holds(copy, wanted); });
+    };
+    if (!scenario.joins || &resource != &scenario.resources.front()) return isSomewhere(resource.contents);
+    return std::all_of(resource.contents.begin(), resource.contents.end(),
+                       [&](const auto& file) { return isSomewhere({file}); });
+  }
+
+  void judgeOutside() {
+    const std::vector<std::string> wanted = {"file=outside"};
+    if (treeOf(ground.outside()) != wanted) broken("I3", "the working directory has changed");
+    const auto entries = std::distance(fs::directory_iterator(ground.root), fs::directory_iterator());
+    constexpr int kOwnDirectories = 4;
+    if (entries != kOwnDirectories) broken("I3", "something stands beside the repository");
+  }
+
+  void judgeMarks() {
+    const std::string set = readFile(ground.dirtySet());
+    const auto lines = linesOf(set);
+    if (!set.empty() && set.back() != '\n') broken("I7", "the last line has no end");
+    for (const std::string& line : lines)
+      if (!isMark(line)) broken("I7", "a line is \"" + line + "\"");
+    if (!scenario.clearsAllMarks && std::find(lines.begin(), lines.end(), kKeptMark) == lines.end())
+      broken("I7", "a mark has vanished");
+  }
+
+  // Ids of the scenario; the balancer of the default mode marks paths.
+  bool isMark(const std::string& line) const {
+    if (scenario.marks.count(line) || line == "fresh") return true;
+    return std::any_of(scenario.resources.begin(), scenario.resources.end(), [&](const Resource& resource) {
+      const auto places = placesOf(resource);
+      return line == resource.id || std::find(places.begin(), places.end(), line) != places.end();
+    });
+  }
+
+  // A pass, and a look-up of each resource, which joins what its mark says.
+  void repair() const {
+    enterWorld();
+    const std::string repository = ground.repository();
+    switchWatching();
+    checkOverload_(repository.c_str(), false);
+    for (const Resource& resource : scenario.resources) static_cast<void>(found(resource));
+    switchWatching();
+  }
+
+  std::string found(const Resource& resource) const {
+    int status = kUntouched;
+    return taken(getLocation_(ground.repository().c_str(), resource.id.c_str(), &status)).value_or("");
+  }
+
+  void killRecovery() {
+    if (which.sweep != Sweep::takeover) removeLocks();
+    const Fault fault = {which.second > 0 ? Strike::kill : Strike::none, which.second, 0};
+    const Observed recovery = supervise([&] { repair(); }, fault, {});
+    outcome.secondPoints = recovery.struck.empty() ? 0 : recovery.points;
+    judgeState();
+  }
+
+  void removeLocks() const {
+    for (const auto& entry : fs::directory_iterator(ground.locks())) fs::remove(entry.path());
+  }
+
+  void recover() {
+    if (which.sweep != Sweep::takeover) removeLocks();
+    const Observed repaired = runAlone([&] {
+      repair();
+      for (size_t i = 0; i < scenario.resources.size(); ++i) copyText(report->found[i], found(scenario.resources[i]));
+      report->recovered = true;
+    });
+    if (isHung(repaired)) broken("I9", "the recovery does not end");
+    if (!report->recovered) broken("I2", "the recovery failed");
+  }
+
+  void judgeLookUps() {
+    for (size_t i = 0; i < scenario.resources.size(); ++i) {
+      const Resource& resource = scenario.resources[i];
+      if (resource.mayGo || isCompleteAt(report->found[i], resource)) continue;
+      broken("I2", resource.id + " is looked up at " + (*report->found[i] ? report->found[i] : "no place"));
+    }
+  }
+
+  const Case& which;
+  const Scenario& scenario;
+  const Ground ground;
+  const bool record;
+  SharedReport report;
+  Observed seen;
+  Outcome outcome;
+};
+
+}  // namespace
+
+Outcome run(const Case& which, const std::string& root, bool record) { return Run(which, root, record).judged(); }

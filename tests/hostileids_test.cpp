@@ -1,0 +1,516 @@
+// Ids that no careful caller takes: what every entry that takes an id answers, and what a move makes of the resource.
+// Each row pins the result of the default mode, hazards included, and the safe mode's beside it.
+
+#include <gmock/gmock.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+
+#include "KTDirtyFlagHandler.h"
+#include "KTException.h"
+#include "entrypoints.h"
+#include "fakes/fakes.h"
+#include "hashlayout.h"
+#include "support/repository.h"
+#include "support/results.h"
+
+namespace fs = std::filesystem;
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr int kUntouched = -77;
+constexpr time_t kLongAgo = 1000;
+
+enum Mode { kDefault, kSafe };
+
+// A repository of two mounts in a private directory, which is also where the process stands. A legacy directory when
+// `withLegacy`, beside which a bystander stands.
+class Ground {
+ public:
+  explicit Ground(Mode mode, bool withLegacy = false)
+      : safeVariable("KT_SAFE", mode == kSafe ? "1" : "0"),
+        repository({"m1", "m2"}, "nomoveTime=0\n"),
+        current((makeDirectories(currentPath()), currentPath())) {
+    log.expandsFormats = false;
+    setUsed(10);
+    disks.setUsed(repository.mount(1), 10);
+    writeFile(outside() + "/bystander", "kept");
+    makeDirectories(legacy());
+    disks.setUsed(legacy(), 20);
+    if (withLegacy) repository.configure("nomoveTime=0\nlegacyDir=" + legacy() + "\n");
+    // What a shell leaves behind becomes a child of this process, which can wait for it.
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    shell.answer = [this](const std::string& command) { return runToItsEnd(command); };
+  }
+
+  const char* id() const { return repository.id(); }
+  std::string currentPath() const { return repository.scratch() + "/current"; }
+  std::string outside() const { return repository.scratch() + "/outside"; }
+  std::string legacy() const { return outside() + "/legacy"; }
+  void setUsed(double percent) { disks.setUsed(repository.mount(0), percent); }
+
+  EnvironmentVariable safeVariable;
+  TestRepository repository;
+  WorkingDirectory current;
+  FakeDisks disks;
+  FakeSyslog log;
+  FakeShell shell;
+  std::function<void()> beforeCommand = [] {};
+
+ private:
+  int runToItsEnd(const std::string& command) {
+    beforeCommand();
+    const int status = FakeShell::runReal(command);
+    while (waitpid(-1, nullptr, 0) > 0) {
+    }
+    return status;
+  }
+};
+
+// A path as the tables name it.
+std::string named(const Ground& ground, const std::string& id, const std::string& path) {
+  if (path == ground.repository.resourcePath(0, id)) return "at its place";
+  const std::string& start = ground.repository.scratch();
+  if (path == ground.legacy() + "/" + id) return "legacy";
+  return path.starts_with(start) ? path.substr(start.size()) : path;
+}
+
+std::string outcome(const Ground& ground, const std::string& id, const Text& path, int status) {
+  const std::string text = path ? named(ground, id, *path) : "null";
+  return text + (status == kUntouched ? "" : ", " + std::to_string(status));
+}
+
+// What a call answers, or the expression of the assertion that it throws.
+std::string answer(const std::function<std::string()>& call) {
+  try {
+    return call();
+  } catch (const KTAssertionException& assertion) {
+    return "throws " + assertion.m_expression;
+  }
+}
+
+using Creation = char* (*)(const char*, const char*, int*, bool);
+
+std::string create(const Ground& ground, const std::string& id, Creation creation) {
+  return answer([&] {
+    int status = kUntouched;
+    const Text path = taken(creation(ground.id(), id.c_str(), &status, false));
+    return outcome(ground, id, path, status);
+  });
+}
+
+std::string lookUp(const Ground& ground, const std::string& id) {
+  return answer([&] {
+    int status = kUntouched;
+    const Text path = taken(getLocation_(ground.id(), id.c_str(), &status));
+    return outcome(ground, id, path, status);
+  });
+}
+
+std::string list(const Ground& ground, const std::string& id) {
+  long count = 0;
+  char** names = listDirs_(ground.id(), &count, true);
+  const Lines listed = taken(names, count);
+  return listed.empty() ? "nothing" : listed == Lines{id} ? "it" : testing::PrintToString(listed);
+}
+
+// The entries that take an id, in the order of a resource's life. Each row of kFlatRows has their answers in this
+// order.
+Lines live(const Ground& ground, const std::string& id) {
+  const char* root = ground.id();
+  utimbuf times = {kLongAgo, kLongAgo};
+  return {
+      lookUp(ground, id),
+      create(ground, id, createLocation_),
+      create(ground, id, createDirectory_),
+      lookUp(ground, id),
+      std::to_string(checkResourceStatus_(root, id.c_str())),
+      std::to_string(setTimeProperties_(root, id.c_str(), &times)),
+      std::to_string(getTimeProperties_(root, id.c_str(), &times)),
+      list(ground, id),
+      std::to_string(removeResource_(root, id.c_str())),
+      lookUp(ground, id),
+      list(ground, id),
+  };
+}
+
+// A resource of that id on the first mount, with a file and a directory in it, and its path.
+std::string place(const Ground& ground, const std::string& id) {
+  const std::string path = ground.repository.resourcePath(0, id);
+  writeFile(path + "/letter", "Dear customer");
+  writeFile(path + "/inner/letter", "Dear sir");
+  for (const char* entry : {"/inner/letter", "/inner", "/letter", ""}) setTimes(path + entry, kLongAgo);
+  return path;
+}
+
+bool isWhole(const std::string& path) {
+  return readFile(path + "/letter") == "Dear customer" && readFile(path + "/inner/letter") == "Dear sir";
+}
+
+Lines lettersOf(const Ground& ground) {
+  Lines letters = treeOf(ground.repository.path());
+  std::erase_if(letters, [](const std::string& line) { return line.find("letter=") == std::string::npos; });
+  return letters;
+}
+
+enum Way { kPass, kFreeing };
+
+void move(Ground& ground, Way way) {
+  ground.setUsed(way == kPass ? 99.5 : 10);
+  if (way == kPass)
+    checkOverload_(ground.id(), false);
+  else
+    freeMount_(ground.id(), "m1");
+}
+
+// What became of the resource, and what stands in the current directory then.
+std::string moved(Ground& ground, const std::string& id, Way way) {
+  constexpr size_t kMostCommands = 40;  // of a move that ends
+  const std::string origin = place(ground, id);
+  const std::string aside = ground.repository.scratch() + "/aside";
+  bool endless = false;
+  ground.beforeCommand = [&] {
+    if (ground.shell.commands.size() != kMostCommands) return;
+    endless = true;
+    if (isThere(origin)) fs::rename(origin, aside);  // with nothing to move it ends
+  };
+  move(ground, way);
+  if (isThere(aside)) {
+    makeDirectories(fs::path(origin).parent_path());
+    fs::rename(aside, origin);
+  }
+
+  const std::string destination = ground.repository.resourcePath(1, id);
+  std::string text = isWhole(origin) ? "kept" : isThere(origin) ? "torn" : "gone";
+  if (isThere(destination)) text += isWhole(destination) ? ", copied" : ", partly copied";
+  if (text == "gone, copied") text = "moved";
+  if (endless) text += ", without end";
+  if (lettersOf(ground).size() > 2) text += ", with copies elsewhere";
+  for (const std::string& name : treeOf(".")) text += ", makes " + name;
+  return text;
+}
+
+const std::string kLongest(255,
+                           'x');  // a name that a file system takes; with what stands before it, a lock file's no more
+const std::string kTooLong(256, 'x');
+
+struct FlatRow {
+  const char* name;
+  std::string id;
+  Lines answers;
+  Lines safeAnswers = answers;
+};
+
+const Lines kOrdinary = {"null, 4", "at its place, 0", "at its place, 0", "at its place, 0", "0", "1", "1", "it",
+                         "0",       "null, 4",         "nothing"};
+// The lock cannot be made, and without a lock nothing is looked up.
+const Lines kNotLocked = {"null", "null", "null", "null", "16", "0", "0", "nothing", "16", "null", "nothing"};
+// The mount's own directory is found, and given times. It is not removed.
+const Lines kMount = {"/rep/m1/, 0", "/rep/m1/, 0", "/rep/m1/, 0", "/rep/m1/, 0", "0",      "1",
+                      "1",           "nothing",     "4",           "/rep/m1/, 0", "nothing"};
+const std::string kThrown = "throws subDirectory.find( '/' ) == string::npos";
+const Lines kNoResource = {"null, 4", kThrown, kThrown, "null, 4", "4", "0", "0", "nothing", "4", "null, 4", "nothing"};
+
+// What leads to the directories of others is no id in the safe mode.
+const Lines kRefused = {"null, 4", "null, 8", "null, 8", "null, 4", "4",      "0",
+                        "0",       "nothing", "4",       "null, 4", "nothing"};
+
+const FlatRow kFlatRows[] = {
+    {"Empty", "", kMount},
+    {"Slash", "/", kMount},
+    // The directory that would hold it, at the third level, is found once it is made. What is in it goes with the
+    // removal; it stays itself.
+    {"Dot",
+     ".",
+     {"null, 4", "at its place, 0", "at its place, 0", "at its place, 0", "0", "1", "1", "nothing", "8",
+      "at its place, 0", "nothing"},
+     kRefused},
+    // The same of the second level.
+    {"DotDot",
+     "..",
+     {"null, 4", "at its place, 0", "at its place, 0", "at its place, 0", "0", "1", "1", "nothing", "8", "null, 4",
+      "nothing"},
+     kRefused},
+    {"Path", "a/b", kNoResource},
+    {"PathUp", "../a", kNoResource},
+    {"SlashesAround",
+     "/a/",
+     {"null, 4", "/rep/m1/BC/6J/AJ/a, 0", "/rep/m1/BC/6J/AJ/a, 0", "/rep/m1/BC/6J/AJ/a, 0", "0", "1", "1", "{ \"a\" }",
+      "0", "null, 4", "nothing"}},
+    {"Bytes255", kLongest, kNotLocked},
+    {"Bytes256", kTooLong, kNotLocked},
+    {"Blank", " ", kOrdinary},
+    {"Tab", "\t", kOrdinary},
+    {"LineFeed", "\n", kOrdinary},
+    {"CarriageReturn", "\r", kOrdinary},
+    {"Semicolon", ";", kOrdinary},
+    {"Ampersand", "&", kOrdinary},
+    {"Substitution", "$()", kOrdinary},
+    {"Backquote", "`", kOrdinary},
+    {"Quote", "'", kOrdinary},
+    {"DoubleQuote", "\"", kOrdinary},
+    {"Star", "*", kOrdinary},
+    {"Option", "-rf", kOrdinary},
+    {"Tilde", "~", kOrdinary},
+    {"Hash", "#", kOrdinary},
+    {"Conversion", "%s%n", kOrdinary},
+    {"Backslash", "\\", kOrdinary},
+    {"NoCharacter", "\xff\xfe", kOrdinary},
+    {"OverlongSlash", "\xc0\xaf", kOrdinary},
+    {"LockFile", "semaphore_2009", kOrdinary},
+    {"LostAndFound", "lost+found", kOrdinary},
+};
+
+struct MoveRow {
+  const char* name;
+  std::string id;
+  const char* byDefault;
+  const char* safe = "moved";
+};
+
+// By default the id is a part of shell commands. What they print and what they answer decides what a pass believes.
+const MoveRow kMoveRows[] = {
+    {"Plain", "2009", "moved"},
+    {"Blank", " ", "kept"},
+    {"BlankInside", "a b", "kept"},
+    {"Tab", "\t", "kept"},
+    {"LineFeed", "\n", "kept"},
+    {"LineFeedInside", "a\nb", "kept"},
+    {"CarriageReturn", "\r", "moved"},
+    {"Semicolon", ";", "kept"},
+    {"SemicolonRunsACommandAndNeverEndsByDefault", "x;touch made", "kept, without end, makes made="},
+    {"AmpersandIsLostByDefault", "&", "gone"},
+    {"AmpersandBehindNeverEndsByDefault", "a&", "kept, without end"},
+    {"AmpersandInside", "a&b", "kept"},
+    {"Substitution", "$()", "kept"},
+    {"SubstitutionRunsACommandByDefault", "$(touch made)", "kept, makes made="},
+    {"Backquote", "`", "kept"},
+    {"BackquotesRunACommandByDefault", "`touch made`", "kept, makes made="},
+    {"RedirectionMakesAFileByDefault", "a>made", "kept, makes made="},
+    {"Pipe", "|", "kept"},
+    {"Quote", "'", "kept"},
+    {"QuoteInside", "it's", "kept"},
+    {"DoubleQuote", "\"", "kept"},
+    {"Star", "*", "moved"},
+    {"QuestionMark", "?", "moved"},
+    {"Option", "-rf", "moved"},
+    {"Tilde", "~", "moved"},
+    {"Hash", "#", "moved"},
+    {"HashBehindABlank", " #", "kept"},
+    {"Conversion", "%s%n", "moved"},
+    {"Backslash", "\\", "kept"},
+    {"NoCharacter", "\xff\xfe", "moved"},
+    {"OverlongSlash", "\xc0\xaf", "moved"},
+    {"LockFile", "semaphore_2009", "moved"},
+    {"LostAndFound", "lost+found", "moved"},
+    {"Bytes255StayForWantOfALock", kLongest, "kept", "kept"},
+};
+
+template <typename Row>
+std::string nameOf(const testing::TestParamInfo<Row>& row) {
+  return row.param.name;
+}
+
+// googletest shows a row by these.
+void PrintTo(const FlatRow& row, std::ostream* out) { *out << row.name; }
+void PrintTo(const MoveRow& row, std::ostream* out) { *out << row.name; }
+
+class HostileIdTest : public testing::TestWithParam<FlatRow> {};
+class HostileIdMoveTest : public testing::TestWithParam<MoveRow> {};
+class HostileLegacyIdTest : public testing::TestWithParam<Mode> {};
+
+bool isControl(char c) { return static_cast<unsigned char>(c) < ' '; }
+
+}  // namespace
+
+TEST_P(HostileIdTest, IsAnsweredAlikeInBothModesButForDotsThatTheSafeModeRefuses) {
+  for (const Mode mode : {kDefault, kSafe}) {
+    SCOPED_TRACE(mode == kSafe ? "safe" : "default");
+    const Ground ground(mode);
+    EXPECT_EQ(live(ground, GetParam().id), mode == kSafe ? GetParam().safeAnswers : GetParam().answers);
+    EXPECT_THAT(ground.shell.commands, IsEmpty());
+    EXPECT_THAT(ground.repository.locksLeft(), IsEmpty());
+    EXPECT_THAT(treeOf(ground.outside()), ElementsAre("bystander=kept", "legacy/"));
+    EXPECT_THAT(treeOf("."), IsEmpty());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(EachEntry, HostileIdTest, testing::ValuesIn(kFlatRows), nameOf<FlatRow>);
+
+TEST_P(HostileIdMoveTest, IsMovedWholeInTheSafeMode) {
+  const MoveRow& row = GetParam();
+  for (const Mode mode : {kDefault, kSafe}) {
+    for (const Way way : {kPass, kFreeing}) {
+      SCOPED_TRACE(std::string(mode == kSafe ? "safe, " : "default, ") + (way == kPass ? "a pass" : "freeing"));
+      Ground ground(mode);
+      EXPECT_EQ(moved(ground, row.id, way), mode == kSafe ? row.safe : row.byDefault);
+      EXPECT_THAT(ground.repository.locksLeft(), IsEmpty());
+      EXPECT_THAT(treeOf(ground.outside()), ElementsAre("bystander=kept", "legacy/"));
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(EachWay, HostileIdMoveTest, testing::ValuesIn(kMoveRows), nameOf<MoveRow>);
+
+// With an id of several names of the hashed directories' own, look-ups and removals reach what is no such resource.
+TEST(HostileIdHazardTest, RemovingTwoDotsDeletesTheResourcesOfASecondLevelByDefault) {
+  for (const Mode mode : {kDefault, kSafe}) {
+    const Ground ground(mode);
+    const std::string third = fs::path(ground.repository.resourcePath(0, "..")).parent_path();
+    const std::string neighbour = std::string(fs::path(third).parent_path()) + "/AB/neighbour/letter";
+    makeDirectories(third);
+    writeFile(neighbour, "");
+    EXPECT_EQ(removeResource_(ground.id(), ".."), mode == kSafe ? 4 : 8);
+    EXPECT_EQ(isThere(neighbour), mode == kSafe);
+  }
+}
+
+// One resource, two locks: two processes that name it differently do not exclude each other.
+// A lock is seen by its release: how it is taken differs between the modes.
+TEST(HostileIdHazardTest, SlashesAroundAnIdNameTheSameResourceUnderAnotherLockInBothModes) {
+  for (const Mode mode : {kDefault, kSafe}) {
+    const Ground ground(mode);
+    place(ground, "2009");
+    const CallWatch watch;
+    EXPECT_EQ(lookUp(ground, "2009"), "at its place, 0");
+    EXPECT_THAT(lookUp(ground, "/2009/"),
+                HasSubstr(ground.repository.resourcePath(0, "2009").substr(ground.repository.scratch().size())));
+    EXPECT_THAT(watch.locks, Contains("-" + ground.repository.lockName("2009")));
+    EXPECT_THAT(watch.locks, Contains("-" + ground.repository.lockName("/2009/")));
+    EXPECT_NE(ground.repository.lockName("2009"), ground.repository.lockName("/2009/"));
+  }
+}
+
+// The file has a line for each mark.
+TEST(HostileIdHazardTest, AMarkOfAnIdWithALineFeedIsReadAsTwoOthersByDefault) {
+  for (const Mode mode : {kDefault, kSafe}) {
+    const Ground ground(mode);
+    KTDirtyFlagHandler marking;
+    marking.setRepository(ground.id());
+    marking.setDirty("a\nb", true);
+    KTDirtyFlagHandler reading;
+    reading.setRepository(ground.id());
+    EXPECT_EQ(reading.isDirty("a\nb"), mode == kSafe);
+    EXPECT_EQ(reading.isDirty("a"), mode == kDefault);
+    EXPECT_EQ(reading.isDirty("b"), mode == kDefault);
+  }
+}
+
+// Below the legacy directory an id is a path as it is; only the safe mode does not follow it out of there.
+INSTANTIATE_TEST_SUITE_P(EachMode, HostileLegacyIdTest, testing::Values(kDefault, kSafe),
+                         [](const auto& mode) { return mode.param == kSafe ? "Safe" : "Default"; });
+
+TEST_P(HostileLegacyIdTest, IsMadeWhereverItLeads) {
+  const struct {
+    std::string id;
+    Lines made;  // outside of the repository, beside what was there
+  } rows[] = {
+      {"", {}},
+      {"/", {}},
+      {".", {}},
+      {"..", {}},
+      {"a/b", {"legacy/a/", "legacy/a/b/"}},
+      {"../made", {"made/"}},
+      {kLongest, {"legacy/" + kLongest + "/"}},
+      {kTooLong, {}},  // that the last directory could not be made is not told
+      {"$(touch made)", {"legacy/$(touch made)/"}},
+      {"%s%n", {"legacy/%s%n/"}},
+      {"-rf", {"legacy/-rf/"}},
+      {"a\nb", {"legacy/a\nb/"}},
+      {"\xff\xfe", {"legacy/\xff\xfe/"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.id);
+    const Ground ground(GetParam(), true);
+    const bool refused = GetParam() == kSafe && row.id.starts_with(".");
+    EXPECT_EQ(taken(createToLegacy_(ground.id(), row.id.c_str())),
+              refused ? Text() : Text(ground.legacy() + "/" + row.id));
+    Lines outside = treeOf(ground.outside());
+    std::erase(outside, "bystander=kept");
+    std::erase(outside, "legacy/");
+    EXPECT_EQ(outside, refused ? Lines() : row.made);
+    EXPECT_THAT(treeOf("."), IsEmpty());
+    EXPECT_THAT(ground.shell.commands, IsEmpty());
+  }
+}
+
+TEST_P(HostileLegacyIdTest, OfTwoDotsMovesByDefaultWhatStandsBesideTheLegacyDirectoryWhenLookedUp) {
+  const bool safe = GetParam() == kSafe;
+  const Ground ground(GetParam(), true);
+  EXPECT_EQ(lookUp(ground, ".."), safe ? "null, 4" : "at its place, 0");
+  EXPECT_EQ(isThere(ground.outside() + "/bystander"), safe);
+  EXPECT_EQ(readFile(ground.repository.resourcePath(0, "..") + "/bystander"), safe ? "" : "kept");
+}
+
+TEST_P(HostileLegacyIdTest, OfOneDotMovesByDefaultAllLegacyResourcesToOnePlaceWhenLookedUp) {
+  const bool safe = GetParam() == kSafe;
+  const Ground ground(GetParam(), true);
+  writeFile(ground.legacy() + "/2009/letter", "");
+  EXPECT_EQ(lookUp(ground, "."), safe ? "null, 4" : "at its place, 0");
+  EXPECT_EQ(isThere(ground.repository.resourcePath(0, ".") + "/2009/letter"), !safe);
+  EXPECT_EQ(lookUp(ground, "2009"), safe ? "at its place, 0" : "null, 4") << "by default no look-up finds it there";
+}
+
+TEST_P(HostileLegacyIdTest, OfTwoDotsDeletesByDefaultWhatStandsBesideTheLegacyDirectoryWhenRemoved) {
+  const bool safe = GetParam() == kSafe;
+  const Ground ground(GetParam(), true);
+  EXPECT_EQ(removeResource_(ground.id(), ".."), safe ? 4 : 8);
+  EXPECT_EQ(treeOf(ground.outside()).empty(), !safe);
+}
+
+TEST_P(HostileLegacyIdTest, OfAPathUpIsDeletedByDefaultOutsideOfTheLegacyDirectory) {
+  const bool safe = GetParam() == kSafe;
+  const Ground ground(GetParam(), true);
+  EXPECT_EQ(lookUp(ground, "../bystander"), safe ? "null, 4" : kThrown);
+  EXPECT_EQ(removeResource_(ground.id(), "../bystander"), safe ? 4 : 0);
+  EXPECT_EQ(isThere(ground.outside() + "/bystander"), safe);
+  EXPECT_THAT(ground.repository.locksLeft(), IsEmpty());
+}
+
+// A line that tells of each id: its lock cannot be made.
+TEST(HostileIdLogTest, AnIdIsTheFormatOfALineByDefaultAndItsTextInTheSafeMode) {
+  for (const Mode mode : {kDefault, kSafe}) {
+    const Ground ground(mode);
+    fs::remove(ground.repository.lockDirectory());
+    EXPECT_EQ(lookUp(ground, "%s%n"), "null");
+    ASSERT_THAT(ground.log.lines, Not(IsEmpty()));
+    const LogLine& line = ground.log.lines.back();
+    EXPECT_THAT(mode == kSafe ? line.text : line.format, HasSubstr("-%s%n\" could not be locked"));
+    if (mode == kSafe) {
+      EXPECT_EQ(line.format, "%s");
+    }
+  }
+}
+
+TEST(HostileIdLogTest, AnIdBreaksALineByDefaultAndIsShownEscapedInTheSafeMode) {
+  for (const Mode mode : {kDefault, kSafe}) {
+    const Ground ground(mode);
+    fs::remove(ground.repository.lockDirectory());
+    EXPECT_EQ(lookUp(ground, "a\nb\r"), "null");
+    ASSERT_THAT(ground.log.lines, Not(IsEmpty()));
+    EXPECT_THAT(ground.log.lines.back().text, HasSubstr(mode == kSafe ? "-a\\nb\\x0d\"" : "-a\nb\r\""));
+  }
+}
+
+TEST(HostileIdLogTest, NoIdIsAFormatOrBreaksALineInTheSafeMode) {
+  for (const MoveRow& row : kMoveRows) {
+    SCOPED_TRACE(row.name);
+    Ground ground(kSafe);
+    moved(ground, row.id, kPass);
+    for (const LogLine& line : ground.log.lines) {
+      EXPECT_EQ(line.format, "%s");
+      EXPECT_TRUE(std::none_of(line.text.begin(), line.text.end(), isControl)) << line.text;
+    }
+  }
+}
