@@ -158,6 +158,22 @@ TEST_F(LockOwnerTest, TheFileTellsHostKernelProcessNamespaceProcessAndStart) {
   EXPECT_FALSE(isThere(file()));
 }
 
+TEST_F(LockOwnerTest, TheFileTellsItsOwnerWhereNoFileIsWithoutAName) {
+  const FailingCall noLink("linkat", EOPNOTSUPP);
+  KTSemaphore semaphore("m1", directory.path(), true);
+  ASSERT_TRUE(semaphore.lockResource());
+  EXPECT_EQ(noLink.failed(), 1);
+  EXPECT_EQ(readFile(file()), ownerHere(getpid(), startOf(getpid())).line());
+  EXPECT_FALSE(take());
+}
+
+TEST_F(LockOwnerTest, WhereNoFileIsWithoutANameALockThatIsMadeMeanwhileIsHeld) {
+  const FailingCall noLink("linkat", EOPNOTSUPP);
+  onWrite = [&] { leave(""); };
+  EXPECT_FALSE(take());
+  EXPECT_EQ(readFile(file()), "");
+}
+
 TEST_F(LockOwnerTest, InTheDefaultModeTheFileIsEmpty) {
   for (const std::optional<std::string>& value :
        {std::optional<std::string>(), std::optional<std::string>("0"), std::optional<std::string>("")}) {

@@ -82,9 +82,7 @@ bool KTSemaphore::lockResource() {
 bool KTSemaphore::makeLockFile() const {
   if (ktHooks.makeLock)
     if (const auto made = ktHooks.makeLock(lockFile)) return *made;
-  if (!makePlainFile()) return false;
-  if (ktHooks.lockMade) ktHooks.lockMade(lockFile);
-  return true;
+  return makePlainFile();
 }
 
 bool KTSemaphore::makePlainFile() const {

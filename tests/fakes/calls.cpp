@@ -170,6 +170,12 @@ int symlink(const char* target, const char* link) noexcept {
   return real(target, link);
 }
 
+int linkat(int from, const char* target, int to, const char* link, int flags) noexcept {
+  if (strikes("linkat", link)) return -1;
+  static const auto real = realFunction<int (*)(int, const char*, int, const char*, int)>("linkat");
+  return real(from, target, to, link, flags);
+}
+
 DIR* opendir(const char* path) {
   if (strikes("opendir", path)) return nullptr;
   static const auto real = realFunction<DIR* (*)(const char*)>("opendir");

@@ -101,7 +101,7 @@ class FakeClock {
 
 // Makes a file call fail. While it lives, calls of `function` whose path contains `pathPart` return the failure
 // with `error` set, after `skip` such calls have passed, and for `times` calls (-1: all).
-// Functions: open unlink mkdir rmdir remove rename utime fopen stat access symlink opendir readdir
+// Functions: open unlink mkdir rmdir remove rename utime fopen stat access symlink linkat opendir readdir
 // "stat" is fstatat too, by the path that it names. readdir has the path of the directory, with a "/" behind it.
 class FailingCall {
  public:

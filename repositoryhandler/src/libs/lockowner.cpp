@@ -106,8 +106,7 @@ bool isGone(const Owner& owner, const Owner& self) {
 }
 
 // What a longer line leaves behind the line feed is never read.
-bool write(int descriptor, const Owner& owner) {
-  const std::string line = owner.line();
+bool write(int descriptor, const std::string& line) {
   return pwrite(descriptor, line.data(), line.size(), 0) == static_cast<ssize_t>(line.size());
 }
 
@@ -122,22 +121,35 @@ bool isOfGoneProcess(int descriptor, const Owner& self, Owner& owner) {
   return ownerIn(contentOf(descriptor), owner) && isGone(owner, self);
 }
 
-}  // namespace
-
-std::optional<bool> makeSignedLock(const std::string& lockFile) {
-  if (access(lockFile.c_str(), F_OK) == 0) return false;  // as while it is waited for: without the work below
+// Whole before it has its name. None: the file system has no files without a name, or another step failed.
+std::optional<bool> makeWhole(const std::string& lockFile, const std::string& owner) {
   const std::string directory = lockFile.substr(0, lockFile.rfind('/'));
   const Descriptor file(open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kLockFileMode));
-  if (file.number < 0 || !write(file.number, thisProcess())) return std::nullopt;
+  if (file.number < 0 || !write(file.number, owner)) return std::nullopt;
   const std::string nameless = "/proc/self/fd/" + std::to_string(file.number);
   if (linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, lockFile.c_str(), AT_SYMLINK_FOLLOW) == 0) return true;
   if (errno == EEXIST) return false;
   return std::nullopt;
 }
 
-void signLock(const std::string& lockFile) {
-  const Descriptor file(open(lockFile.c_str(), O_WRONLY | O_CLOEXEC));
-  if (file.number >= 0) write(file.number, thisProcess());
+// In two steps: between them the file is empty, as in the default mode.
+std::optional<bool> makeAndSign(const std::string& lockFile, const std::string& owner) {
+  const Descriptor file(open(lockFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kLockFileMode));
+  if (file.number >= 0) {
+    write(file.number, owner);
+    return true;
+  }
+  if (errno == EEXIST) return false;
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<bool> makeSignedLock(const std::string& lockFile) {
+  if (access(lockFile.c_str(), F_OK) == 0) return false;  // as while it is waited for: without the work below
+  const std::string owner = thisProcess().line();
+  if (const auto made = makeWhole(lockFile, owner)) return made;
+  return makeAndSign(lockFile, owner);
 }
 
 bool takeOverLock(const std::string& lockFile) {
@@ -151,7 +163,7 @@ bool takeOverLock(const std::string& lockFile) {
   if (flock(file.number, LOCK_EX | LOCK_NB) != 0) return false;
   if (!isOfGoneProcess(file.number, self, owner)) return false;
   // Asked last: an operator may have removed the file until here, and then holds it who made it anew.
-  if (!write(file.number, self) || !isStillAt(lockFile, file.number)) return false;
+  if (!write(file.number, self.line()) || !isStillAt(lockFile, file.number)) return false;
   rh_logger.infoLog("The lock %s was taken over from process %s, which is gone", lockFile.c_str(),
                     owner.process.c_str());
   return true;

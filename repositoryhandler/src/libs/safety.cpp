@@ -93,13 +93,6 @@ std::optional<bool> makeLock(const std::string& lockFile) {
   }
 }
 
-void lockMade(const std::string& lockFile) {
-  try {
-    if (isOn()) signLock(lockFile);
-  } catch (const std::bad_alloc&) {  // the lock is held all the same
-  }
-}
-
 bool lockTakenOver(const std::string& lockFile) {
   try {
     return isOn() && takeOverLock(lockFile);
@@ -114,7 +107,7 @@ bool lockRemovedAfterAll(const std::string& lockFile) {
 }
 
 [[maybe_unused]] const bool hooked = [] {
-  ktHooks = {logText, makeLock, lockMade, lockTakenOver, lockRemovedAfterAll};
+  ktHooks = {logText, makeLock, lockTakenOver, lockRemovedAfterAll};
   return true;
 }();
 
