@@ -110,23 +110,23 @@ INSTANTIATE_TEST_SUITE_P(On, PowerCutTest, testing::ValuesIn(everyWorstOrder()),
   return std::string(nameOf(test.param.kind)) + nameOf(test.param.cut);
 });
 
-// Where nothing of either disk is written, the origin comes back with its disk: nothing is certain there but that what
-// was not removed is not lost.
-TEST_P(PowerCutTest, ByDefaultEveryResourceIsLostThatWasRemovedFromItsOriginBeforeItsCopyWasWritten) {
+// Only what was removed from its origin is lost. Whether a cut loses it is not certain: the system may have written its
+// copy meanwhile, since somebody else let it write all; and where nothing of either disk is written, the origin comes
+// back with its disk.
+TEST_P(PowerCutTest, ByDefaultResourcesAreLostThatWereRemovedFromTheirOriginBeforeTheirCopyWasWritten) {
   unsigned int lost = 0;
   unsigned int cutsThatLose = 0;
   cutEverywhere([&](const CutRepository& repository) {
     for (unsigned int i = 0; i < kResources; ++i) {
-      const bool removed = !repository.originWasWhole(i);
-      if (!removed || GetParam().keepsRemovals()) {
-        EXPECT_EQ(repository.isLost(i), removed) << i;
+      if (repository.originWasWhole(i)) {
+        EXPECT_FALSE(repository.isLost(i)) << i;
       }
     }
     lost += repository.lost();
     if (repository.lost() > 0) ++cutsThatLose;
   });
   if (GetParam().keepsRemovals()) {
-    EXPECT_THAT(lost, Gt(kResources));
+    EXPECT_THAT(lost, Gt(0U));
   }
   RecordProperty("cutsThatLose", static_cast<int>(cutsThatLose));
   RecordProperty("resourcesLost", static_cast<int>(lost));
