@@ -426,17 +426,17 @@ TEST_F(RelocationTest, OutsideOfAnyMountTheCopyStandsBesideItsPlace) {
   Steps steps;
   EXPECT_EQ(moveRes((directory / "from").c_str(), (directory / "to").c_str()), 0);
   EXPECT_THAT(steps.made, ElementsAre("cp", "diff", "flush " + directory.path(), "rename " + directory / "to",
-                                      "flush " + directory.path(), "rm"));
+                                      "flush " + directory.path()))
+      << "it is deleted by no command, which would outlive this process";
   EXPECT_THAT(treeOf(directory.path()), ElementsAre("to/", "to/file=content"));
 }
 
 TEST_F(RelocationTest, AnOriginOutsideOfAnyMountThatCannotBeDeletedLeavesTheWholeCopy) {
   const std::string from = repository.scratch() + "/legacy/2009";
   writeFile(from + "/file", "content");
-  Steps steps;
-  steps.failing = 5;
+  const FailingCall stuck("remove", EIO, from);
   EXPECT_EQ(moveRes(from.c_str(), destination().c_str()), 8);
-  EXPECT_EQ(steps.made[5], "rm");
+  EXPECT_EQ(stuck.failed(), 1);
   EXPECT_THAT(treeOf(destination()), ElementsAre("file=content"));
 }
 
@@ -472,11 +472,84 @@ TEST_F(RelocationTest, AFullDiskWithoutRoomForOneDirectoryMoreIsDrainedAllTheSam
 TEST_F(RelocationTest, OfAnOriginOnAFullDiskThatCannotBeDeletedTheCopyStays) {
   place(0, k2009);
   const FailingCall full("mkdir", ENOSPC, repository.mount(0));
-  Steps steps;
-  steps.failing = 5;
+  const FailingCall stuck("remove", EIO, origin());
   EXPECT_EQ(move(), 8);
-  EXPECT_EQ(steps.made[5], "rm");
+  EXPECT_EQ(stuck.failed(), 1);
   EXPECT_THAT(treeOf(destination()), ElementsAre("file=file"));
+}
+
+TEST_F(RelocationTest, AFailedMoveLeavesNoEmptyDirectoriesAtTheDestination) {
+  place(0, k2009);
+  Steps steps;
+  steps.failing = 0;
+  EXPECT_EQ(freeMount_(repository.id(), "m1"), 3);
+  EXPECT_THAT(treeOf(repository.mount(1)), ElementsAre("lost+found/", "lost+found/kt-moves/", "repositorypart.cfg="));
+}
+
+TEST_F(RelocationTest, WhatAProcessOfTheSameIdHasLeftIsNoPartOfTheCopy) {
+  place(0, k2009);
+  for (int number = 1; number < 100; ++number)
+    for (size_t i = 0; i < 2; ++i)
+      writeFile(hidingPlace(repository.mount(i)) + "/2009/" + std::to_string(getpid()) + "-" + std::to_string(number) +
+                    "/left",
+                "");
+  EXPECT_EQ(move(), 0);
+  EXPECT_THAT(treeOf(destination()), ElementsAre("file=file"));
+  EXPECT_FALSE(isThere(origin()));
+}
+
+// A process of the default mode that asks for the times of a marked resource joins its copies without a lock. Of two
+// copies with files it finds a conflict, of directories it removes one.
+TEST_F(RelocationTest, ACopyThatIsJoinedToItsOriginMeanwhileLeavesTheOriginWhole) {
+  for (const bool isEmpty : {true, false}) {
+    makeDirectories(origin() + (isEmpty ? "" : "/empty"));
+    if (!isEmpty) writeFile(origin() + "/file", "file");
+    const Lines whole = shapeOf(origin());
+    Steps steps;
+    steps.look = [&](const std::string& step) {
+      if (step.starts_with("flush ") && isThere(destination()) && isThere(origin()))
+        fs::remove(destination() + (isEmpty ? "" : "/empty"));
+    };
+    EXPECT_EQ(move(), 8);
+    EXPECT_EQ(shapeOf(origin()), whole);
+    EXPECT_FALSE(isThere(destination()));
+    EXPECT_THAT(hidden(), IsEmpty());
+    fs::remove_all(origin());
+  }
+}
+
+TEST_F(RelocationTest, ACopyThatIsJoinedMeanwhileToAnOriginOnAFullDiskLeavesTheOriginWhole) {
+  makeDirectories(origin());
+  const FailingCall full("mkdir", ENOSPC, repository.mount(0));
+  Steps steps;
+  steps.look = [&](const std::string& step) {
+    if (step.starts_with("flush ") && isThere(destination())) fs::remove(destination());
+  };
+  EXPECT_EQ(move(), 8);
+  EXPECT_TRUE(isDirectoryThere(origin()));
+}
+
+TEST_F(RelocationTest, AnOriginThatCannotComeBackIsKeptAndSaid) {
+  place(0, k2009);
+  makeDirectories(origin() + "/empty");
+  const Lines whole = shapeOf(origin());
+  Steps steps;
+  steps.look = [&](const std::string& step) {
+    if (step.starts_with("flush ") && isThere(destination()) && !isThere(origin())) {
+      makeDirectories(origin());
+      fs::remove(destination() + "/empty");
+    }
+  };
+  EXPECT_EQ(move(), 0);
+  Lines kept;
+  for (const auto& entry : fs::directory_iterator(repository.mount(0) + "/lost+found"))
+    if (entry.path().filename() != "kt-moves") kept.push_back(entry.path());
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_THAT(kept[0], StartsWith(repository.mount(0) + "/lost+found/kt-kept-2009-"));
+  EXPECT_EQ(shapeOf(kept[0]), whole);
+  EXPECT_THAT(log.texts(LOG_ERR), Contains(HasSubstr("It is kept as \"" + kept[0] + "\".")));
+  pass();
+  EXPECT_TRUE(isThere(kept[0]));
 }
 
 TEST_F(RelocationTest, APassRemovesWhatKilledProcessesLeftButNotOfAMoveWhoseLockIsHeld) {
@@ -603,6 +676,54 @@ TEST_F(RelocationTest, OfTwoEqualDirectoriesOfADirtyResourceOneIsDroppedWhereThe
   EXPECT_EQ(found.path, destination());
   EXPECT_FALSE(isThere(origin()));
   EXPECT_THAT(treeOf(destination()), ElementsAre("file=file"));
+}
+
+struct Copies {
+  const char* name;
+  Lines first;   // files of the copy on the first mount
+  Lines second;  // and on the second
+  bool staysFirst;
+};
+
+void PrintTo(const Copies& copies, std::ostream* out) { *out << copies.name; }
+
+class ContainedCopyTest : public RelocationTest, public testing::WithParamInterface<Copies> {};
+
+INSTANTIATE_TEST_SUITE_P(Of, ContainedCopyTest,
+                         testing::Values(Copies{"FirstWhole", {"a", "b/c"}, {"a"}, true},
+                                         Copies{"SecondWhole", {"b/c"}, {"a", "b/c"}, false},
+                                         Copies{"Equal", {"a", "b/c"}, {"a", "b/c"}, false},
+                                         Copies{"SecondEmpty", {"a", "b/c"}, {}, true}),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+// Where nothing can be moved any more: joining them entry by entry would leave two halves.
+TEST_P(ContainedCopyTest, OfADirtyResourceOneThatHoldsNothingOfItsOwnIsDroppedWholeEvenOnFullDisks) {
+  for (const std::string& copy : {origin(), destination()}) makeDirectories(copy);
+  for (const std::string& name : GetParam().first) writeFile(origin() + "/" + name, name);
+  for (const std::string& name : GetParam().second) writeFile(destination() + "/" + name, name);
+  const Lines whole = shapeOf(GetParam().staysFirst ? origin() : destination());
+  repository.writeDirtySet("2009\n");
+  for (size_t i = 0; i < 2; ++i) disks.setUsed(repository.mount(i), 99.9F);
+  FakeShell shell;
+  shell.answer = [](const std::string& command) {
+    return command.starts_with("cp ") ? kExitOne : FakeShell::runReal(command);
+  };
+  const Found found = repository.find("2009");
+  EXPECT_EQ(found.status, 0);
+  EXPECT_EQ(found.path, GetParam().staysFirst ? origin() : destination());
+  EXPECT_EQ(shapeOf(found.path), whole);
+  EXPECT_NE(isThere(origin()), isThere(destination()));
+  EXPECT_EQ(repository.dirtySet(), "");
+  EXPECT_THAT(hidden(), IsEmpty());
+}
+
+TEST_F(RelocationTest, OfTwoCopiesWithFilesOfTheirOwnBothAreKept) {
+  place(0, k2009, "mine");
+  place(1, k2009, "yours");
+  repository.writeDirtySet("2009\n");
+  EXPECT_EQ(repository.find("2009").status, 0);
+  EXPECT_THAT(treeOf(destination()), ElementsAre("mine=mine", "yours=yours"));
+  EXPECT_FALSE(isThere(origin()));
 }
 
 // A pass that drains the first mount: full as long as the resource is there.

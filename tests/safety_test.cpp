@@ -332,6 +332,153 @@ TEST_F(SafeModeTest, AMarkWhoseLockCannotBeReleasedKeepsNothingFromBeingMoved) {
   EXPECT_FALSE(isThere(origin()));
 }
 
+TEST_F(SafeModeTest, AMountThatCannotBeLookedAtCountsAsAway) {
+  place(0, k2009);
+  place(1, k2009, "other");
+  repository.writeDirtySet("2009\n");
+  for (const int error : {EIO, EACCES, ENOMEM, ELOOP}) {
+    const FailingCall blind("access", error, origin());
+    Found found = repository.find("2009");
+    EXPECT_EQ(found.path, destination());
+    EXPECT_EQ(found.status, 1) << "another copy may be there";
+    EXPECT_EQ(repository.dirtySet(), "2009\n");
+  }
+  EXPECT_EQ(repository.find("2009").status, 0);
+  EXPECT_THAT(treeOf(destination()), ElementsAre("file=file", "other=other"));
+}
+
+TEST_F(SafeModeTest, WhatCannotBeLookedAtIsNeitherFoundNorNotFound) {
+  place(0, k2009);
+  const FailingCall blind("access", EIO, origin());
+  const Found found = repository.find("2009");
+  EXPECT_EQ(found.path, "");
+  EXPECT_EQ(found.status, 8);
+  EXPECT_EQ(removeResource_(repository.id(), "2009"), 8);
+  EXPECT_TRUE(isThere(origin()));
+}
+
+TEST_F(SafeModeTest, WhatIsMadeWhileAMountCannotBeLookedAtIsMarked) {
+  place(0, k2009);
+  {
+    const FailingCall blind("access", EIO, origin());
+    EXPECT_EQ(repository.create("2009").status, 0);
+  }
+  EXPECT_EQ(repository.dirtySet(), "2009\n");
+  EXPECT_EQ(repository.find("2009").status, 0);
+  EXPECT_EQ(repository.dirtySet(), "");
+}
+
+TEST_P(DefaultModeTest, WhatCannotBeLookedAtIsNotThere) {
+  place(0, k2009);
+  const FailingCall blind("access", EIO, origin());
+  EXPECT_EQ(repository.find("2009").status, 4);
+  EXPECT_EQ(removeResource_(repository.id(), "2009"), 4);
+}
+
+TEST_F(SafeModeTest, AMountOfWhichAPartCannotBeReadIsNotFreed) {
+  for (const char* function : {"opendir", "readdir", "stat"}) {
+    place(0, k2009);
+    const FailingCall blind(function, EIO, repository.mount(0) + "/FP/IA");
+    EXPECT_EQ(freeMount_(repository.id(), "m1"), 3) << function;
+    EXPECT_GT(blind.failed(), 0);
+    EXPECT_TRUE(isThere(origin()));
+  }
+  EXPECT_EQ(freeMount_(repository.id(), "m1"), 0);
+  EXPECT_FALSE(isThere(origin()));
+}
+
+TEST_F(SafeModeTest, ASymbolicLinkThatLeadsNowhereKeepsAMountFromBeingFreed) {
+  makeDirectories(at(0, kAbc).substr(0, at(0, kAbc).rfind('/')));
+  makeLink("nowhere", at(0, kAbc));
+  EXPECT_EQ(freeMount_(repository.id(), "m1"), 3);
+}
+
+TEST_P(DefaultModeTest, AMountOfWhichAPartCannotBeReadIsFreed) {
+  place(0, k2009);
+  const FailingCall blind("opendir", EIO, repository.mount(0) + "/FP/IA");
+  EXPECT_EQ(freeMount_(repository.id(), "m1"), 0);
+}
+
+TEST_F(SafeModeTest, SlashesAroundAnIdAreNoPartOfItsLockAndMark) {
+  place(0, k2009);
+  KTSemaphore held(repository.lockName("2009"), true);
+  ASSERT_TRUE(held.lockResource());
+  FakeClock clock;
+  for (const char* id : {"2009", "/2009", "2009/", "//2009//"})
+    EXPECT_EQ(checkResourceStatus_(repository.id(), id), 16) << id;
+  held.unlock();
+  overload();
+  repository.writeDirtySet("2009\n");
+  EXPECT_EQ(repository.find("/2009/").status, 0);
+  EXPECT_EQ(repository.dirtySet(), "");
+}
+
+TEST_F(SafeModeTest, AnIdWithoutANameIsFoundNowhereAndNeverMade) {
+  useLegacy();
+  for (const char* id : {"", "/", "///"}) {
+    EXPECT_EQ(repository.find(id).status, 4) << id;
+    EXPECT_EQ(repository.create(id).status, 8) << id;
+    EXPECT_EQ(taken(createToLegacy_(repository.id(), id)), std::nullopt);
+  }
+}
+
+class SafeLegacyTest : public SafeModeTest {
+ protected:
+  SafeLegacyTest() {
+    useLegacy();
+    outside = repository.scratch() + "/outside";
+    writeFile(outside + "/sub/file", "of others");
+    makeLink(outside, legacy("link"));
+  }
+  Lines outsideNow() const { return treeOf(outside); }
+
+  std::string outside;
+};
+
+TEST_F(SafeLegacyTest, ALinkLeadsNoIdOutOfTheLegacyDirectory) {
+  const Lines before = outsideNow();
+  for (const char* id : {"link/", "link//", "link/sub", "link/sub/file", "/link/sub/"}) {
+    EXPECT_EQ(checkResourceStatus_(repository.id(), id), 4) << id;
+    EXPECT_EQ(taken(createToLegacy_(repository.id(), (std::string(id) + "/new").c_str())), std::nullopt);
+    EXPECT_EQ(outsideNow(), before) << id;
+  }
+  for (const char* id : {"link/sub/file", "link/sub", "link/"}) {
+    removeResource_(repository.id(), id);
+    EXPECT_EQ(outsideNow(), before) << id;
+  }
+  EXPECT_FALSE(isThere(legacy("link"))) << "a link itself is a resource";
+}
+
+TEST_F(SafeLegacyTest, AResourceWhoseImportFailsIsFoundWhereItIs) {
+  writeFile(legacy("2009/file"), "old");
+  FakeShell shell;
+  shell.answer = [](const std::string&) { return kExitOne; };
+  for (int time = 0; time < 2; ++time) {
+    EXPECT_EQ(taken(getLocation_(repository.id(), "2009", nullptr)), legacy("2009"));
+    EXPECT_EQ(repository.dirtySet(), "");
+    EXPECT_FALSE(isThere(repository.mount(0) + "/FP"));
+    EXPECT_FALSE(isThere(repository.mount(1) + "/FP"));
+  }
+}
+
+TEST_F(SafeLegacyTest, WhileAResourceIsImportedItIsMarkedAndAnotherCopyIsJoined) {
+  writeFile(legacy("2009/file"), "old");
+  writeFile(legacy("2009/more"), "old");
+  writeFile(destination() + "/file", "old");  // of an import that was cut off
+  FakeShell shell;
+  shell.answer = [&](const std::string& command) {
+    EXPECT_EQ(repository.dirtySet(), "2009\n");
+    return FakeShell::runReal(command);
+  };
+  const Found found = repository.find("2009");
+  EXPECT_EQ(found.status, 0);
+  EXPECT_THAT(treeOf(found.path), ElementsAre("file=old", "more=old"));
+  EXPECT_NE(isThere(origin()), isThere(destination()));
+  EXPECT_FALSE(isThere(legacy("2009")));
+  EXPECT_EQ(repository.dirtySet(), "");
+  EXPECT_FALSE(shell.commands.empty());
+}
+
 TEST_F(SafeModeTest, AFruitlessRoundEndsTheTreatmentOfTheMountWithAnErrorLine) {
   place(0, k2009);
   place(0, kAbc);

@@ -65,7 +65,8 @@ class KT_API KTMountPointHandler {
 
   // The path of a resource on this mount, in a fresh char array, or null.
   //   id           the resource; its last component is hashed too
-  //   result       out, may be null: 0 found, 4 not found; untouched when the mount is missing
+  //   result       out, may be null: 0 found, 4 not found; untouched when the mount is missing. In the safe mode 8 when
+  //                the mount could not be looked at, which then counts as missing
   //   mountStatus  out, may be null: the mount's fresh status
   //   touch        set the resource's times to now
   // Throws KTAssertionException for a null id.
@@ -125,11 +126,14 @@ class KT_API KTMountPointHandler {
   // getLocation and removeResource of the resource at this path below the mount, which begins with "/".
   KT_LOCAL char* locate(const std::string& below, int* result, int* mountStatus, bool touch);
   KT_LOCAL int remove(const std::string& below);
+  KT_LOCAL char* notLookedAt(int* result, int* mountStatus) const;
   int collect(CandidateWalk& walk, const char* prefix, unsigned int depth);
+  KT_LOCAL static void passOver(CandidateWalk& walk, const std::string& path);
   void walkDirectory(CandidateWalk& walk, const std::string& path, unsigned int depth);
   void walkEntry(CandidateWalk& walk, const SortedDirectory& directory, const std::string& name, unsigned int depth);
 
   std::string configFile;  // path of "repositorypart.cfg", which every look at the mount begins with
+  bool passedOver = true;  // whether the last walk for candidates may have left resources unseen: in the safe mode
 };
 
 #endif

@@ -198,6 +198,7 @@ class KT_API KTRepositoryHandler {
   bool takeResourceLock(KTSemaphore& semaphore) const;
   char* locate(const char* resource, int* result, bool touch);
   char* importFromLegacy(const char* resource, bool touch);
+  KT_LOCAL bool moveFromLegacy(KTMountPointHandler* mount, const char* resource, const std::string& legacy);
   char* locateOnMounts(const char* resource, int* result, bool touch);
   char* create(const char* resource, int* result, bool noDirtyMark, MountCreation creation);
   char* createUnderLock(const char* resource, int* result, bool noDirtyMark, MountCreation creation);
@@ -218,7 +219,9 @@ class KT_API KTRepositoryHandler {
   KTMountPointHandler* mountAt(const std::string& path) const;
   std::string destinationOf(const ResourceEntry& entry, int target) const;
   void markDirty(const ResourceEntry& entry);
-  KT_LOCAL bool markWhileMoved(const ResourceEntry& entry);
+  KT_LOCAL bool markWhileMoved(const char* resource);
+  KT_LOCAL void unmark(const char* resource);
+  KT_LOCAL static int freed(const KTMountPointHandler* mount);
   KT_LOCAL void removeLeftovers(const KTMountPointHandler* mount) const;
 
   // Path of "repository.cfg", which every operation begins with; of the empty id at first.

@@ -297,10 +297,10 @@ bool KTRepositoryHandler::moveCandidate(KTMountPointHandler* mount, const Resour
 // True when the resource was moved; a failure is logged as `failureLine`, a conflict leaves a mark.
 bool KTRepositoryHandler::moveUnderLock(const ResourceEntry& entry, const std::string& destination,
                                         const char* failureLine, bool verbose) {
-  const bool marked = markWhileMoved(entry);
+  const bool marked = markWhileMoved(entry.name.c_str());
   const int result = moveRes(entry.path.c_str(), destination.c_str());
-  if (marked && (result == kTransferred || !safety::isThere(destination.c_str())))
-    inSpiteOfFailure([&] { dirtyFlagHandler.setDirty(entry.name.c_str(), false); });
+  if (marked && (result == kTransferred || !safety::isThere(destination.c_str()))) unmark(entry.name.c_str());
+  if (result != kTransferred && safety::clearsAfterFailedMoves()) clearEmptyHash(destination.c_str());
   if (result & kTransferConflict) {
     say(verbose, "Conflict prevented resource move");
     markDirty(entry);
@@ -332,7 +332,7 @@ int KTRepositoryHandler::moveAllResourcesFromMount(const char* mountName) {
   Candidates batch;
   if (mount->getRandomResources(&batch, kRandomBatch, "", 0) < 1) {
     rh_logger.debugLog("no movable resource found");
-    return kMountFreed;
+    return freed(mount);
   }
   const bool moved = evacuateBatches(mount, batch, target);
   // A last target of number 0 counts as none here, though the batches take it: callers know the 2.
@@ -344,7 +344,14 @@ int KTRepositoryHandler::moveAllResourcesFromMount(const char* mountName) {
     rh_logger.debugLog("Not all resources could be moved");
     return kMountNotFreed;
   }
-  return kMountFreed;
+  return freed(mount);
+}
+
+// The result for a mount on which the last walk has found nothing.
+int KTRepositoryHandler::freed(const KTMountPointHandler* mount) {
+  if (!mount->passedOver || !safety::freesWhatWasSeenWhole()) return kMountFreed;
+  safety::logError("The mount " + quoted(mount->mountPath) + " may hold resources still: not all of it could be read.");
+  return kMountNotFreed;
 }
 
 // Moves batch after batch, until none is left, no mount takes more, or a whole batch could not be moved: false then.
@@ -397,14 +404,18 @@ void KTRepositoryHandler::markDirty(const ResourceEntry& entry) {
 }
 
 // In the safe mode. False when the resource has a mark already: that of somebody who knows of another copy.
-bool KTRepositoryHandler::markWhileMoved(const ResourceEntry& entry) {
+bool KTRepositoryHandler::markWhileMoved(const char* resource) {
   if (!safety::marksResources()) return false;
   bool isMarked = false;
   inSpiteOfFailure([&] {
-    isMarked = dirtyFlagHandler.isDirty(entry.name.c_str());
-    if (!isMarked) dirtyFlagHandler.setDirty(entry.name.c_str(), true);
+    isMarked = dirtyFlagHandler.isDirty(resource);
+    if (!isMarked) dirtyFlagHandler.setDirty(resource, true);
   });
   return !isMarked;
+}
+
+void KTRepositoryHandler::unmark(const char* resource) {
+  inSpiteOfFailure([&] { dirtyFlagHandler.setDirty(resource, false); });
 }
 
 // Under a resource's lock, from which no move can keep it: removes what killed processes have left on a mount.

@@ -16,6 +16,7 @@
 #include "filestatus.h"
 #include "hashlayout.h"
 #include "librarylog.h"
+#include "safety.h"
 #include "sorteddirectory.h"
 
 namespace {
@@ -53,6 +54,7 @@ class KTMountPointHandler::CandidateWalk {
 
   Candidates& found;
   const unsigned int max;
+  bool passedOver = false;  // something that is no candidate though it may be a resource: in the safe mode
 };
 
 // Keeps the oldest, by displacing the newest that it has.
@@ -99,14 +101,17 @@ int KTMountPointHandler::getRandomResources(std::set<ResourceEntry, ltres>* resu
 int KTMountPointHandler::collect(CandidateWalk& walk, const char* prefix, unsigned int depth) {
   KT_ASSERT(prefix);
   if (walk.max == 0) return 0;
+  passedOver = true;
   if (depth == 0 && (checkStatus(true) & MOUNT_MISSING)) return kMountIsMissing;
   walkDirectory(walk, mountPath + prefix, depth);
+  passedOver = walk.passedOver;
   return static_cast<int>(walk.found.size());
 }
 
 void KTMountPointHandler::walkDirectory(CandidateWalk& walk, const std::string& path, unsigned int depth) {
   walk.enterDirectory();
   const SortedDirectory directory(path);
+  if (directory.mayHoldMore) walk.passedOver = true;
   for (const std::string& name : directory.names) {
     if (walk.isDone()) return;
     if (depth == 0 && name == kLostAndFound) continue;
@@ -118,10 +123,11 @@ void KTMountPointHandler::walkEntry(CandidateWalk& walk, const SortedDirectory& 
                                     unsigned int depth) {
   if (repository->dirtyFlagHandler.isDirty(name.c_str())) {
     const OwnedChars joined(repository->getLocation(name.c_str(), nullptr, true, false));
+    passOver(walk, directory.pathOf(name));
     return;
   }
   struct stat known;
-  if (directory.examine(name, &known) != 0) return;
+  if (directory.examine(name, &known) != 0) return passOver(walk, directory.pathOf(name));
   if (depth < kHashLevels) {
     if (S_ISDIR(known.st_mode)) walkDirectory(walk, directory.pathOf(name), depth + 1);
     return;
@@ -130,6 +136,10 @@ void KTMountPointHandler::walkEntry(CandidateWalk& walk, const SortedDirectory& 
   if (!walk.wants(known, lastAccessTime)) return;
   const std::string full = directory.pathOf(name);
   walk.take({full, full.substr(mountPath.size()), name, lastAccessTime});
+}
+
+void KTMountPointHandler::passOver(CandidateWalk& walk, const std::string& path) {
+  if (safety::freesWhatWasSeenWhole() && safety::isThere(path.c_str())) walk.passedOver = true;
 }
 
 int KTRepositoryHandler::getGlobalOldestResources(std::set<ResourceEntry, ltres>* result) {

@@ -22,6 +22,7 @@
 #include "messages.h"
 #include "paths.h"
 #include "relocation.h"
+#include "resourceid.h"
 #include "safety.h"
 #include "transfer.h"
 
@@ -30,6 +31,9 @@ namespace {
 // Another process may remove an empty hash directory between two steps of making a path; then it is made
 // again.
 constexpr int kMakeAttempts = 5;
+
+// A look-up's answer where nothing was found, and not every mount could be looked at; as when joining copies failed.
+constexpr int kResourceUnknown = 8;
 
 void report(int* result, int value) {
   if (result) *result = value;
@@ -40,15 +44,8 @@ char* notCreated(int* result) {
   return nullptr;
 }
 
-// False for an id of nothing but "/": a path made from it is the directory that holds the resources. Such an
-// id is never deleted, imported or joined.
-bool namesResource(const char* id) { return id[strspn(id, "/")] != '\0' && !safety::refuses(id); }
-
-std::string withoutOuterSlashes(const std::string& id) {
-  const size_t first = id.find_first_not_of('/');
-  if (first == std::string::npos) return "";
-  return id.substr(first, id.find_last_not_of('/') - first + 1);
-}
+// Others are never deleted, imported or joined.
+bool namesResource(const char* id) { return hasName(id) && !safety::refuses(id); }
 
 // Where a resource is below each mount; begins with "/".
 std::string pathBelowMount(const char* id) {
@@ -78,22 +75,41 @@ bool makeDirectory(const std::string& directory) {
   return false;
 }
 
+// Where a resource is in the legacy directory; "" when it can be nowhere there.
+std::string legacyPathOf(const std::string& legacyDirectory, const char* resource) {
+  const std::string name = safety::nameOf(resource);
+  return safety::leadsNowhere(legacyDirectory, name) ? "" : legacyDirectory + "/" + name;
+}
+
 bool canJoin(const char* earlier, int laterMountStatus) {
   bool isDirectory = false;
   return isDir(earlier, &isDirectory, nullptr) == 0 && isDirectory && !(laterMountStatus & MOUNT_FULL);
 }
 
-// Moves the earlier of two copies of a dirty resource into the later one. Returns 0, or what to report.
-int joinCopies(const char* earlier, const char* later, int laterMountStatus) {
-  if (!canJoin(earlier, laterMountStatus)) {
-    if (!safety::dropsEqualCopies() || !dropEqualCopy(earlier, later)) return kResourceConflict;
-    clearEmptyHash(earlier);
-    return kResourceFound;
+bool drop(const char* copy, const char* kept) {
+  if (!dropContainedCopy(copy, kept)) return false;
+  clearEmptyHash(copy);
+  return true;
+}
+
+// Moves the earlier of two copies of a dirty resource into the later one. Returns 0, and `earlier` is the path of the
+// one that stays; or what to report.
+int joinCopies(OwnedChars& earlier, OwnedChars later, int laterMountStatus) {
+  if (safety::dropsContainedCopies()) {
+    const bool isDropped = drop(earlier.get(), later.get());
+    if (!isDropped && drop(later.get(), earlier.get())) return kResourceFound;
+    if (isDropped) {
+      earlier = std::move(later);
+      return kResourceFound;
+    }
   }
-  const int moved = moveRes(earlier, later);
+  if (!canJoin(earlier.get(), laterMountStatus)) return kResourceConflict;
+  const int moved = moveRes(earlier.get(), later.get());
   rh_logger.debugLog("--- Dirty conflict handling ---");
-  if (moved == kTransferred) clearEmptyHash(earlier);
-  return moved;
+  if (moved != kTransferred) return moved;
+  clearEmptyHash(earlier.get());
+  earlier = std::move(later);
+  return kResourceFound;
 }
 
 }  // namespace
@@ -109,6 +125,7 @@ char* KTMountPointHandler::locate(const std::string& below, int* result, int* mo
   if (fresh == MOUNT_MISSING) return nullptr;
   const std::string path = mountPath + below;
   if (!exists(path.c_str())) {
+    if (safety::mayBeThere()) return notLookedAt(result, mountStatus);
     report(result, kResourceNotFound);
     return nullptr;
   }
@@ -116,6 +133,14 @@ char* KTMountPointHandler::locate(const std::string& below, int* result, int* mo
   writeToLog(path.c_str());
   report(result, kResourceFound);
   return mystrdup(path.c_str());
+}
+
+// As on a mount that is away, but that the answer is no "not found".
+char* KTMountPointHandler::notLookedAt(int* result, int* mountStatus) const {
+  report(result, kResourceUnknown);
+  report(mountStatus, MOUNT_MISSING);
+  repository->status |= REPOSITORY_INCOMPLETE;
+  return nullptr;
 }
 
 char* KTMountPointHandler::createLocation(const char* id, int* result) {
@@ -150,8 +175,9 @@ int KTMountPointHandler::removeResource(const char* id) {
 }
 
 int KTMountPointHandler::remove(const std::string& below) {
-  const OwnedChars location(locate(below, nullptr, nullptr, false));
-  if (!location) return kResourceNotFound;
+  int found = kResourceNotFound;
+  const OwnedChars location(locate(below, &found, nullptr, false));
+  if (!location) return found;
   const int result = deleteRes(location.get());
   if (result == kTransferred) clearEmptyHash(location.get());
   return result;
@@ -229,7 +255,8 @@ bool KTRepositoryHandler::getTimeProperties(const char* resource, utimbuf* times
 char* KTRepositoryHandler::createToLegacy(const char* resource) {
   KT_ASSERT(resource);
   if (legacyDir.empty() || safety::refuses(resource)) return nullptr;
-  const std::string path = legacyDir + "/" + resource;
+  const std::string path = legacyPathOf(legacyDir, resource);
+  if (path.empty()) return nullptr;
   return mkdirs(path.c_str(), kDirectoryMode) == 0 ? mystrdup(path.c_str()) : nullptr;
 }
 
@@ -257,7 +284,7 @@ std::list<std::string> KTRepositoryHandler::allResources(int typeFilter) {
 }
 
 std::string KTRepositoryHandler::lockNameOf(const std::string& resource) const {
-  return resourceLockName(id, resource);
+  return resourceLockName(id, safety::nameOf(resource.c_str()));
 }
 
 bool KTRepositoryHandler::takeResourceLock(KTSemaphore& semaphore) const {
@@ -279,45 +306,58 @@ char* KTRepositoryHandler::locate(const char* resource, int* result, bool touch)
 // resource that was there is on a mount now, as far as it could be moved. A symbolic link stays where it is.
 char* KTRepositoryHandler::importFromLegacy(const char* resource, bool touch) {
   if (legacyDir.empty() || !namesResource(resource)) return nullptr;
-  const std::string legacy = legacyDir + "/" + resource;
+  const std::string legacy = legacyPathOf(legacyDir, resource);
   if (!exists(legacy.c_str()) || !isNotLink(legacy.c_str())) return nullptr;
   const int target = getActualMountPointForLegacy();
   writeToLegacyLog(legacy.c_str());
-  if (target < 0) {
-    if (touch) setTimesToNow(legacy);
-    return mystrdup(legacy.c_str());
-  }
-  const OwnedChars location(mountPoints[static_cast<size_t>(target)]->createLocation(resource, nullptr));
-  if (location) moveRes(legacy.c_str(), location.get());
-  return nullptr;
+  if (target >= 0 && moveFromLegacy(mountPoints[static_cast<size_t>(target)], resource, legacy)) return nullptr;
+  if (touch) setTimesToNow(legacy);
+  return mystrdup(legacy.c_str());
+}
+
+// False when the resource is in the legacy directory as it was, and is found there. Its mark is for the look-up on the
+// mounts that follows: another copy may be there.
+bool KTRepositoryHandler::moveFromLegacy(KTMountPointHandler* mount, const char* resource, const std::string& legacy) {
+  const OwnedChars location(mount->createLocation(resource, nullptr));
+  if (!location) return !safety::findsFailedImports();
+  const bool marked = markWhileMoved(resource);
+  const int result = moveRes(legacy.c_str(), location.get());
+  if (result == kTransferred || !safety::findsFailedImports() || safety::isThere(location.get())) return true;
+  if (marked) unmark(resource);
+  clearEmptyHash(location.get());
+  return false;
 }
 
 char* KTRepositoryHandler::locateOnMounts(const char* resource, int* result, bool touch) {
   bool dirty = dirtyFlagHandler.isDirty(resource) && namesResource(resource);
   bool someMountAway = false;
+  int unfound = kResourceNotFound;
   const std::string below = pathBelowMount(resource);
   OwnedChars found;
   for (KTMountPointHandler* mount : mountPoints) {
     int mountStatus = 0;
-    OwnedChars here(mount->locate(below, nullptr, &mountStatus, touch));
+    int answer = kResourceNotFound;
+    OwnedChars here(mount->locate(below, &answer, &mountStatus, touch));
     if (!here) {
+      if (answer == kResourceUnknown) unfound = answer;
       if (mountStatus & MOUNT_MISSING) someMountAway = true;
       continue;
     }
     if (found) {
-      if (const int conflict = joinCopies(found.get(), here.get(), mountStatus)) {
+      if (const int conflict = joinCopies(found, std::move(here), mountStatus)) {
         report(result, conflict);
         return nullptr;
       }
+    } else {
+      found = std::move(here);
     }
-    found = std::move(here);  // of a dirty resource the copy on the last mount wins
-    if (!dirty) break;        // a clean one is never searched for further copies
+    if (!dirty) break;  // a clean one is never searched for further copies
   }
   if (dirty && !someMountAway) {
     dirtyFlagHandler.setDirty(resource, false);  // every copy has been seen
     dirty = false;
   }
-  report(result, !found ? kResourceNotFound : dirty ? kResourceDirty : kResourceFound);
+  report(result, !found ? unfound : dirty ? kResourceDirty : kResourceFound);
   return found.release();
 }
 
@@ -347,7 +387,7 @@ int KTRepositoryHandler::removeEverywhere(const char* resource) {
     found = true;
     result |= removed;
   }
-  const std::string legacy = legacyDir + "/" + resource;
+  const std::string legacy = legacyPathOf(legacyDir, resource);
   if (!legacyDir.empty() && named && exists(legacy.c_str())) {
     found = true;
     result |= deleteRes(legacy.c_str());

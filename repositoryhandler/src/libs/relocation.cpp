@@ -21,6 +21,7 @@
 #include "listing.h"
 #include "paths.h"
 #include "safety.h"
+#include "transfer.h"
 #include "treecomparison.h"
 
 namespace {
@@ -34,6 +35,9 @@ constexpr char kOutOfSight[] = "lost+found/kt-moves";
 int run(const std::string& command) { return system(command.c_str()); }
 
 std::string outOfSight(const std::string& mountPath) { return mountPath + "/" + kOutOfSight; }
+
+// Begins the names of what is neither in sight nor ever removed.
+std::string outOfReach(const std::string& mountPath) { return mountPath + "/lost+found/kt-kept-"; }
 
 // Where a path of the hashed layout stands.
 struct Place {
@@ -68,8 +72,19 @@ std::string nameOfMove() {
   return std::to_string(getpid()) + "-" + std::to_string(++moves);
 }
 
+// Never over anything: an empty directory there would make way.
+bool renameTo(const std::string& from, const std::string& to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+  if (errno != EINVAL && errno != ENOSYS) return false;
+  if (safety::isThere(to.c_str())) {  // a file system that cannot tell the kernel
+    errno = EEXIST;
+    return false;
+  }
+  return rename(from.c_str(), to.c_str()) == 0;
+}
+
 // A name out of sight, on the file system of a path, for what is on its way there or away. What is there in the end is
-// removed.
+// removed, and what a process that had the same id has left there before.
 class Hideout {
  public:
   // Below a mount it is found by the resource's id; elsewhere it stands beside the path.
@@ -77,15 +92,16 @@ class Hideout {
     const auto place = placeOf(neighbour);
     if (!place) return beside(neighbour);
     const std::string directory = outOfSight(place->mountPath) + "/" + place->id;
-    return {directory, directory + "/" + nameOfMove()};
+    const std::string move = nameOfMove();
+    return {directory, directory + "/" + move, outOfReach(place->mountPath) + place->id + "-" + move};
   }
   static Hideout beside(const std::string& neighbour) {
     const OwnedChars parent(baseDir(neighbour.c_str()));
-    return {"", (parent ? parent.get() : "") + (".kt-move-" + nameOfMove())};
+    return {"", (parent ? parent.get() : "") + (".kt-move-" + nameOfMove()), ""};
   }
   ~Hideout() {
     const int failure = errno;
-    if (safety::isThere(path.c_str())) run(removal);
+    clear();
     if (!directory.empty()) rmdir(directory.c_str());
     errno = failure;
   }
@@ -94,6 +110,7 @@ class Hideout {
 
   // For a copy.
   bool make() const {
+    clear();
     if (directory.empty() || tryToMake()) return true;
     const int failure = errno;
     safety::logError("The directory \"" + directory + "\" for moves could not be made: " + strerror(failure));
@@ -102,17 +119,26 @@ class Hideout {
   }
   // For what goes away: a disk too full for one directory more can do without, since such disks are drained.
   bool makeIfRoom() const {
+    clear();
     if (directory.empty() || tryToMake()) return true;
     return errno == ENOSPC || errno == EDQUOT || make();
   }
   bool isMade() const { return !directory.empty() && exists(directory.c_str()); }
+  // Leaves what is there to the operator, where nothing removes it.
+  void keep() const {
+    renameTo(path, kept);
+    safety::logError("The resource \"" + path + "\" could not be brought back. It is kept as \"" + kept + "\".");
+  }
 
   const std::string path;
 
  private:
-  Hideout(const std::string& above, const std::string& name)
-      : path(name), directory(above), removal(safety::removeCommand(name)) {}
+  Hideout(const std::string& above, const std::string& name, const std::string& aside)
+      : path(name), directory(above), kept(aside), removal(safety::removeCommand(name)) {}
 
+  void clear() const {
+    if (safety::isThere(path.c_str())) run(removal);
+  }
   bool tryToMake() const {
     mkdirs(directory.c_str(), kDirectoryMode);
     const int failure = errno;  // that of the mkdir, should it not be there
@@ -122,6 +148,7 @@ class Hideout {
   }
 
   const std::string directory;
+  const std::string kept;
   const std::string removal;  // made first: a destructor has no memory to ask for
 };
 
@@ -163,17 +190,6 @@ bool isInService(const std::string& path) {
   return false;
 }
 
-// Never over anything: an empty directory there would make way.
-bool renameTo(const std::string& from, const std::string& to) {
-  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
-  if (errno != EINVAL && errno != ENOSYS) return false;
-  if (safety::isThere(to.c_str())) {  // a file system that cannot tell the kernel
-    errno = EEXIST;
-    return false;
-  }
-  return rename(from.c_str(), to.c_str()) == 0;
-}
-
 int makeCopy(const std::string& origin, const std::string& copy, const Disk& disk) {
   if (const int status = run(safety::copyCommand(origin, copy))) return status;
   if (const int status = compareTrees(origin, copy)) return status;
@@ -191,23 +207,30 @@ bool putInPlace(const std::string& copy, const std::string& destination, const D
 }
 
 // Whole and at once, and on the disk: after a power cut it would stand beside its copy, when no mark tells of the two
-// any more. The hideout removes it at its end. A failure takes it back.
-bool hideAway(const std::string& origin, const std::string& old) {
+// any more. The hideout removes it at its end. A failure takes it back; and so does a process of the default mode that
+// has joined the copy to the origin, directories without files, before it was hidden.
+bool hideAway(const std::string& origin, const std::string& kept, const Hideout& old) {
   const Disk disk(origin);
-  if (!renameTo(origin, old)) return false;
-  if (disk.flush()) return true;
-  const int failure = errno;
-  const bool isBack = renameTo(old, origin);
+  if (!renameTo(origin, old.path)) return false;
+  const bool isFlushed = disk.flush();
+  if (isFlushed && namesAreContained(old.path, kept)) return true;
+  const int failure = isFlushed ? EBUSY : errno;
+  const bool isBack = renameTo(old.path, origin);
+  if (!isBack && !namesAreContained(old.path, kept)) old.keep();
   errno = failure;
   return !isBack;
 }
 
 // In a directory that is listed flat it would be taken for a resource, and on a full disk there may be no hideout:
-// there it is removed where it is.
-bool putAway(const std::string& origin, const Hideout& old) {
-  if (old.isMade()) return hideAway(origin, old.path);
-  run(safety::removeCommand(origin));
-  return !safety::isThere(origin.c_str());
+// there it is deleted where it is, by this process, with which that ends: a command would go on when somebody else has
+// taken the lock over.
+bool putAway(const std::string& origin, const std::string& kept, const Hideout& old) {
+  if (old.isMade()) return hideAway(origin, kept, old);
+  if (!namesAreContained(origin, kept)) {
+    errno = EBUSY;
+    return false;
+  }
+  return deleteRes(origin.c_str()) == kTransferred;
 }
 
 // One thing under two names, by a link or a mount above it.
@@ -228,18 +251,18 @@ int relocate(const std::string& origin, const std::string& destination) {
   if (const int status = makeCopy(origin, copy.path, disk)) return status;
   if (!putInPlace(copy.path, destination, disk)) return kNotMoved;
   // A process of the default mode may have joined the origin to the copy: that is the only one then.
-  if (putAway(origin, old) || !safety::isThere(origin.c_str())) return 0;
+  if (putAway(origin, destination, old) || !safety::isThere(origin.c_str())) return 0;
   const int failure = errno;
   if (old.isMade()) renameTo(destination, copy.path);  // else only a part of the origin may be left: the copy stays
   errno = failure;
   return kNotMoved;
 }
 
-bool dropEqualCopy(const std::string& origin, const std::string& kept) {
+bool dropContainedCopy(const std::string& origin, const std::string& kept) {
   if (isOneThing(origin, kept)) return false;
   const Hideout old = Hideout::of(origin);
   const Disk disk(kept);
-  return old.makeIfRoom() && compareTrees(origin, kept) == 0 && disk.flush() && putAway(origin, old);
+  return old.makeIfRoom() && isContained(origin, kept) && disk.flush() && putAway(origin, kept, old);
 }
 
 std::vector<std::string> leftCopies(const std::string& mountPath) {

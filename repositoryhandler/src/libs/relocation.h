@@ -16,9 +16,10 @@
 // the origin what was not deleted.
 int relocate(const std::string& origin, const std::string& destination);
 
-// Of two copies of the same, one goes: removes `origin` when what is at `kept` equals it and is on the disk. False when
-// they differ, or are one under two names, or it could not be removed, whole.
-bool dropEqualCopy(const std::string& origin, const std::string& kept);
+// Of two copies, one that holds nothing of its own goes: removes `origin` when everything in it is at `kept` too, and
+// is on the disk there. False when it is not, or the two are one under two names, or `origin` could not be removed,
+// whole.
+bool dropContainedCopy(const std::string& origin, const std::string& kept);
 
 // The ids of the resources of which moves have left something out of sight on a mount, in no order: of moves that go
 // on, and of killed processes.

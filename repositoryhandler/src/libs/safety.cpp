@@ -18,6 +18,7 @@
 #include "librarylog.h"
 #include "lockowner.h"
 #include "paths.h"
+#include "resourceid.h"
 
 namespace safety {
 
@@ -54,6 +55,11 @@ std::string formatted(const char* format, va_list args) {
   vsnprintf(text.data(), text.size(), format, again);
   va_end(again);
   return {text.data(), static_cast<size_t>(length)};
+}
+
+bool isLink(const std::string& path) {
+  struct stat status;
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 bool isControl(char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }
@@ -135,15 +141,18 @@ std::string measureCommand(const std::string& path, const std::string& output) {
 
 bool movesOutOfSight() { return isOn(); }
 
+bool clearsAfterFailedMoves() { return isOn(); }
+
 bool removesLeftCopies() { return isOn(); }
 
-bool dropsEqualCopies() { return isOn(); }
+bool dropsContainedCopies() { return isOn(); }
+
+bool mayBeThere() { return errno != ENOENT && errno != ENOTDIR && errno != ENAMETOOLONG && isOn(); }
 
 bool isThere(const char* path) {
   if (!isOn()) return exists(path);
   struct stat status;
-  if (!path) return false;
-  return lstat(path, &status) == 0 || errno == EOVERFLOW;  // a file too long for a 32-bit process
+  return path && (lstat(path, &status) == 0 || mayBeThere());
 }
 
 bool mayMerge(const char* origin, const char* destination) {
@@ -186,21 +195,39 @@ void logDebug(const std::string& text) {
 bool replacesStateFiles() { return isOn(); }
 
 std::string markOf(const char* id) {
-  std::string mark(id);
+  std::string mark = nameOf(id);
   const bool isOneLine = mark.find('\n') == std::string::npos;  // asked first: nearly every id is one
   if (!isOneLine && isOn()) std::replace(mark.begin(), mark.end(), '\n', '/');
   return mark;
 }
 
 bool refuses(const char* id) {
-  if (!strchr(id, '.') || !isOn()) return false;  // in this order, since most ids have no dot
+  if ((hasName(id) && !strchr(id, '.')) || !isOn()) return false;  // in this order, since most ids have no dot
+  if (!hasName(id)) return true;
   const std::string closed = std::string("/").append(id).append("/");
   return closed.find("/./") != std::string::npos || closed.find("/../") != std::string::npos;
 }
 
+std::string nameOf(const char* id) {
+  const size_t length = strlen(id);
+  if (length == 0 || (id[0] != '/' && id[length - 1] != '/') || !isOn()) return id;
+  return hasName(id) ? withoutOuterSlashes(id) : id;
+}
+
+bool leadsNowhere(const std::string& legacyDirectory, const std::string& id) {
+  if (!isOn()) return false;
+  for (size_t slash = id.find('/'); slash != std::string::npos; slash = id.find('/', slash + 1))
+    if (isLink(legacyDirectory + "/" + id.substr(0, slash))) return true;
+  return false;
+}
+
+bool findsFailedImports() { return isOn(); }
+
 bool locksForTimes() { return isOn(); }
 
 bool marksResources() { return isOn(); }
+
+bool freesWhatWasSeenWhole() { return isOn(); }
 
 bool endsRepeatedRounds() { return isOn(); }
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "filestatus.h"
+#include "safety.h"
 
 namespace {
 
@@ -16,11 +17,15 @@ bool collatesBefore(const std::string& a, const std::string& b) { return strcoll
 }  // namespace
 
 SortedDirectory::SortedDirectory(std::string where) : path(std::move(where)), directory(opendir(path.c_str())) {
-  if (!directory) return;
+  if (!directory) {
+    mayHoldMore = safety::mayBeThere();
+    return;
+  }
   // Only the errno that comes with the end tells a failure: storing a name may leave one behind that means nothing.
   while (const dirent* entry = (errno = 0, readdir(directory.get())))
     if (!isDotEntry(entry->d_name)) names.emplace_back(entry->d_name);
   isWhole = errno == 0;
+  mayHoldMore = !isWhole && safety::mayBeThere();
   if (!isWhole) names.clear();
   std::stable_sort(names.begin(), names.end(), collatesBefore);  // of names that collate alike, what was read first
 }

@@ -24,6 +24,7 @@ class SortedDirectory {
 
   const std::string path;
   bool isWhole = false;            // it was read to its end
+  bool mayHoldMore = false;        // it was not, though it may be there: in the safe mode
   std::vector<std::string> names;  // without "." and "..", as scandir with alphasort orders them
 
  private:

@@ -80,7 +80,7 @@ int moveRes(const char* origin, const char* destination) {
   struct stat now;
   if (safety::examine(origin, &now) != 0) return kTransferFailed;
   if (!S_ISDIR(now.st_mode) || !safety::mayMerge(origin, destination)) {
-    if (safety::dropsEqualCopies() && dropEqualCopy(origin, destination)) return kTransferred;
+    if (safety::dropsContainedCopies() && dropContainedCopy(origin, destination)) return kTransferred;
     safety::logError("The resource " + quoted(origin) + " conflicts with " + quoted(destination) + ".");
     return kTransferConflict;
   }

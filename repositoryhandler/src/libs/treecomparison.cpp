@@ -43,26 +43,36 @@ std::string targetOf(const std::string& link) {
   return {target, length > 0 ? static_cast<size_t>(length) : 0};
 }
 
-int compareDirectories(const std::string& origin, const std::string& copy);
+// What of two trees is compared.
+struct Extent {
+  bool contents = true;  // else names and types alone
+  bool copyMayHoldMore = false;
+};
+
+int compareDirectories(const std::string& origin, const std::string& copy, Extent extent);
 
 // One entry: as diff would, and special files by what they are.
-int compareEntries(const std::string& origin, const std::string& copy) {
+int compareEntries(const std::string& origin, const std::string& copy, Extent extent) {
   struct stat a;
   struct stat b;
   if (lstat(origin.c_str(), &a) != 0 || lstat(copy.c_str(), &b) != 0) return kDiffers;
   if ((a.st_mode & S_IFMT) != (b.st_mode & S_IFMT)) return kDiffers;
-  if (S_ISDIR(a.st_mode)) return compareDirectories(origin, copy);
+  if (S_ISDIR(a.st_mode)) return compareDirectories(origin, copy, extent);
+  if (!extent.contents) return 0;
   if (S_ISREG(a.st_mode)) return run(safety::compareCommand(origin, copy));
   if (S_ISLNK(a.st_mode)) return targetOf(origin) == targetOf(copy) ? 0 : kDiffers;
   return a.st_rdev == b.st_rdev ? 0 : kDiffers;
 }
 
-int compareDirectories(const std::string& origin, const std::string& copy) {
+int compareDirectories(const std::string& origin, const std::string& copy, Extent extent) {
   const auto names = namesIn(origin);
-  if (!names || names != namesIn(copy)) return kDiffers;
+  const auto others = namesIn(copy);
+  if (!names || !others) return kDiffers;
+  const bool allThere = std::includes(others->begin(), others->end(), names->begin(), names->end());
+  if (!allThere || (!extent.copyMayHoldMore && names->size() != others->size())) return kDiffers;
   for (const std::string& name : *names) {
     const std::string entry = "/" + name;
-    if (const int status = compareEntries(origin + entry, copy + entry)) return status;
+    if (const int status = compareEntries(origin + entry, copy + entry, extent)) return status;
   }
   return 0;
 }
@@ -70,5 +80,15 @@ int compareDirectories(const std::string& origin, const std::string& copy) {
 }  // namespace
 
 int compareTrees(const std::string& origin, const std::string& copy) {
-  return holdsSpecial(origin) ? compareEntries(origin, copy) : run(safety::compareCommand(origin, copy));
+  return holdsSpecial(origin) ? compareEntries(origin, copy, {}) : run(safety::compareCommand(origin, copy));
+}
+
+bool isContained(const std::string& part, const std::string& whole) {
+  if (!namesAreContained(part, whole)) return false;  // without a command, and before any file is read
+  return compareTrees(part, whole) == 0 ||
+         compareEntries(part, whole, {.contents = true, .copyMayHoldMore = true}) == 0;
+}
+
+bool namesAreContained(const std::string& part, const std::string& whole) {
+  return compareEntries(part, whole, {.contents = false, .copyMayHoldMore = true}) == 0;
 }
