@@ -48,22 +48,29 @@ import java.util.function.Supplier;
  *
  * <h2>The safe mode</h2>
  *
- * <p>With {@code KT_SAFE=1} in the environment of the virtual machine, which we recommend for all processes of a
- * repository, nothing is lost whatever fails. What changes:
+ * <p>With {@code KT_SAFE=1} in its environment the virtual machine works in the safe mode. Then a move that fails, or
+ * is cut off by a kill or a power failure, leaves the whole resource at its old place or its new one, where look-ups
+ * find it. We recommend it, and then for all processes of a repository: one without it can drop the marks of the
+ * others, and leaves parts of copies. What changes:
  *
  * <ol>
- *   <li>Paths reach the shell quoted, so that an id may hold any character but {@code /}; copies keep owners, times, hard
- *       links, holes, access control lists and extended attributes.
- *   <li>A copy is flushed to its disk before the original goes; a failed flush counts as a copy that differs.
- *   <li>A copy is made out of sight, in {@code lost+found} of its disk, and renamed into its place when it is whole: the
- *       user of the process must be able to write there. A copy that failed leaves nothing behind.
+ *   <li>Paths reach the shell quoted, so that an id may hold any character but {@code /}. Ids with {@code .} or {@code
+ *       ..} as a component are refused: found nowhere, never made. Copies keep owners (as far as the process may give
+ *       files away), times, hard links, holes, access control lists and extended attributes.
+ *   <li>A copy is flushed to its disk before the original goes; when that fails, the original stays.
+ *   <li>A copy is made out of sight, in {@code lost+found} of its disk, and renamed into its place when it is whole:
+ *       the user of the process must be able to write there. A copy that failed leaves nothing behind.
  *   <li>Log lines show ids as they are, control characters escaped.
- *   <li>Removal does not follow symbolic links; dangling links and special files inside a resource stop nothing.
- *   <li>The dirty set and the size cache are replaced whole, and processes lose no mark of each other.
+ *   <li>Removal does not follow symbolic links; dangling links and special files inside a resource stop nothing (but a
+ *       device is copied by root alone).
+ *   <li>The dirty set and the size cache are replaced whole, and processes in this mode lose no mark of each other.
  *   <li>Marks of a balancing pass name the resource, so that a later look-up joins its copies.
  *   <li>A pass that gets nowhere ends at once; a disk listed twice is one.
- *   <li>A lock whose holder is gone, on this machine, is taken over.
+ *   <li>A lock of this mode whose holder is gone, on this machine and since it started, is taken over.
  * </ol>
+ *
+ * <p>{@link #getTimes} and {@link #setTimes} wait for the resource in this mode, as the other methods always do. The
+ * administrator's guide tells what the safe mode costs, and what it does not do.
  */
 public class RepositoryHandler {
 
@@ -253,7 +260,8 @@ public class RepositoryHandler {
      *
      * @param repository the root directory
      * @param resource the id
-     * @return the times, or empty when the resource is not found or the repository cannot be used
+     * @return the times, or empty when the resource is not found or the repository cannot be used; in the safe mode
+     *     also when another process held the resource for 30 seconds
      */
     public Optional<Times> getTimes(String repository, String resource) {
         Objects.requireNonNull(repository, "repository");
@@ -266,7 +274,8 @@ public class RepositoryHandler {
 
     /**
      * Sets when a resource was last used and changed; resources that were not used for long are the first to be moved.
-     * Nothing happens when the resource is not found or the repository cannot be used.
+     * Nothing happens when the resource is not found or the repository cannot be used, and in the safe mode when
+     * another process held the resource for 30 seconds.
      *
      * @param repository the root directory
      * @param resource the id
