@@ -20,13 +20,15 @@
 extern "C" {
 
 // Sets the access and modification time of a resource, seconds since the epoch, both to now for null times. Returns 1
-// when they are set, else 0.
+// when they are set, else 0. In the safe mode the resource is locked meanwhile, as for the calls below that wait for
+// it.
 KT_API int setTimeProperties_(const char* repository, const char* resource, utimbuf* times);
-// Reads them into *times. Returns 1 when the resource is found, else 0 with *times untouched.
+// Reads them into *times, likewise. Returns 1 when the resource is found, else 0 with *times untouched.
 KT_API int getTimeProperties_(const char* repository, const char* resource, utimbuf* times);
 
 // Moves all resources off a mount, named as in the configuration. Returns 0 when done, 1 when there is no such
-// mount, 2 when no other mount could take them or the last that did was mount 0, 3 when some could not be moved.
+// mount, 2 when no other mount could take them or the last that did was mount 0, 3 when some could not be moved, or in
+// the safe mode, not all of the mount could be read.
 KT_API int freeMount_(const char* repository, const char* mountName);
 // One balancing pass; with `verbose` it tells on standard output what it does.
 KT_API void checkOverload_(const char* repository, bool verbose);
@@ -66,8 +68,9 @@ KT_API int checkResourceStatus_(const char* repository, const char* resource);
 KT_API int getRepositoryStatus_(const char* repository);
 
 // Where a resource lives, its times set to now, or null. *status, when status is not null: 0 found; 1 found,
-// but a mount is away on which a copy may be; 2 copies that cannot be joined; 4 not found; 8 joining copies failed.
-// Untouched when the resource is not locked within 30 seconds, and when it stays in the legacy directory.
+// but a mount is away on which a copy may be; 2 copies that cannot be joined; 4 not found; 8 joining copies failed, or
+// in the safe mode, not every mount could be looked at. Untouched when the resource is not locked within 30 seconds,
+// and when it stays in the legacy directory.
 KT_API char* getLocation_(const char* repository, const char* resource, int* status);
 // Where a resource lives or, for a new one, is to be made: the directories above it exist. *status: 0 found or placed;
 // 1 found, but a mount is away on which a copy may be; 8 with null when no mount can take it; untouched when it is not
