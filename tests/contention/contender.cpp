@@ -184,7 +184,8 @@ class Contender {
   }
 
   void workOnShared() {
-    const std::string shared = "s" + std::to_string(drawBelow(kSharedNames));
+    std::string shared("s");
+    shared += std::to_string(drawBelow(kSharedNames));
     const unsigned int drawn = drawBelow(8);
     if (drawn == 0) {
       remove(shared);
