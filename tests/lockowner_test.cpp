@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
@@ -31,6 +32,7 @@
 #include "support/scratch.h"
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
@@ -45,19 +47,37 @@ std::string firstLine(const std::string& path) {
   return text.substr(0, text.find('\n'));
 }
 
-// What the kernel tells of a process: the 22nd field of its status.
-std::string startOf(pid_t process) {
-  const std::string text = readFile("/proc/" + std::to_string(process) + "/stat");
+// What the kernel tells of a process, "self" or a number: the 22nd field of its status.
+std::string startOf(const std::string& process) {
+  const std::string text = readFile("/proc/" + process + "/stat");
   std::istringstream fields(text.substr(text.rfind(')') + 2));
   std::string field;
   for (int number = 3; number <= 22; ++number) fields >> field;
   return field;
 }
 
-std::string namespaceNumber() {
+std::string startOf(pid_t process) { return startOf(std::to_string(process)); }
+
+std::string namespaceNumber(const char* kind) {
   struct stat status;
-  EXPECT_EQ(stat("/proc/self/ns/pid", &status), 0);
+  EXPECT_EQ(stat((std::string("/proc/self/ns/") + kind).c_str(), &status), 0) << "needs a kernel that has them";
   return std::to_string(status.st_ino);
+}
+
+// Runs `body` in the first process of a new process id namespace, where /proc still shows the one around it.
+void inNewProcessNamespace(const std::function<void()>& body) {
+  Child around([&](const Child::Parent&) {
+    ASSERT_EQ(unshare(CLONE_NEWPID), 0) << "needs root";
+    EXPECT_EQ(Child([&](const Child::Parent&) { body(); }).join(), 0);
+  });
+  EXPECT_EQ(around.join(), 0);
+}
+
+// Lets /proc show the process id namespace of the calling process, to itself and its children.
+void mountOwnProc() {
+  ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+  ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  ASSERT_EQ(mount("proc", "/proc", "proc", 0, nullptr), 0);
 }
 
 struct Owner {
@@ -68,8 +88,8 @@ struct Owner {
 Owner ownerHere(pid_t process, const std::string& start) {
   utsname names;
   EXPECT_EQ(uname(&names), 0);
-  return {names.nodename, firstLine("/proc/sys/kernel/random/boot_id"), namespaceNumber(), std::to_string(process),
-          start};
+  return {names.nodename, firstLine("/proc/sys/kernel/random/boot_id"),
+          namespaceNumber("pid") + "-" + namespaceNumber("time"), std::to_string(process), start};
 }
 
 // A process that has run here and is gone.
@@ -150,7 +170,7 @@ ssize_t pwrite(int descriptor, const void* bytes, size_t size, off_t offset) {
 }
 }
 
-TEST_F(LockOwnerTest, TheFileTellsHostKernelProcessNamespaceProcessAndStart) {
+TEST_F(LockOwnerTest, TheFileTellsHostKernelNamespacesProcessAndStart) {
   KTSemaphore semaphore("m1", directory.path(), true);
   ASSERT_TRUE(semaphore.lockResource());
   EXPECT_EQ(readFile(file()), ownerHere(getpid(), startOf(getpid())).line());
@@ -265,6 +285,44 @@ TEST_F(LockOwnerTest, ALockOfAnotherHostKernelOrNamespaceIsNotTakenOver) {
   EXPECT_TRUE(take());
 }
 
+TEST_F(LockOwnerTest, WhereProcShowsAnotherNamespaceALockOfALivingProcessIsNotTakenOver) {
+  inNewProcessNamespace([&] {
+    leave(ownerHere(getpid(), startOf("self")).line());
+    EXPECT_EQ(Child([&](const Child::Parent&) { EXPECT_FALSE(take()); }).join(), 0);
+  });
+}
+
+TEST_F(LockOwnerTest, WhereProcShowsAnotherNamespaceALockThatIsMadeIsOneThatNobodyTakesOver) {
+  const auto takeAndEnd = [&] { EXPECT_EQ(Child([&](const Child::Parent&) { EXPECT_TRUE(take()); }).join(), 0); };
+  inNewProcessNamespace([&] {
+    takeAndEnd();
+    mountOwnProc();
+    EXPECT_FALSE(take());
+    unlink(file().c_str());
+    takeAndEnd();
+    EXPECT_TRUE(take()) << "as where /proc shows the own one";
+  });
+}
+
+// It sees processes start at other times.
+TEST_F(LockOwnerTest, AProcessOfAnotherTimeNamespaceDoesNotTakeTheLockOfALivingOne) {
+  ASSERT_TRUE(take());
+  Child around([&](const Child::Parent&) {
+    ASSERT_EQ(unshare(CLONE_NEWTIME), 0) << "needs root and a kernel with time namespaces";
+    writeFile("/proc/self/timens_offsets", "boottime 100000 0\n");
+    EXPECT_EQ(Child([&](const Child::Parent&) { EXPECT_FALSE(take()); }).join(), 0);
+  });
+  EXPECT_EQ(around.join(), 0);
+}
+
+TEST_F(LockOwnerTest, WhereTheKernelHasNoTimeNamespacesALockIsTakenOverAsElsewhere) {
+  const FailingCall none("stat", ENOENT, "/proc/self/ns/time");
+  const auto takeAndEnd = [&] { EXPECT_EQ(Child([&](const Child::Parent&) { EXPECT_TRUE(take()); }).join(), 0); };
+  takeAndEnd();
+  EXPECT_THAT(readFile(file()), HasSubstr(namespaceNumber("pid") + "-0 "));
+  takeAndEnd();
+}
+
 TEST_F(LockOwnerTest, AnEmptyOrDamagedFileIsALockThatNobodyTakesOver) {
   const Owner gone = goneOwner();
   const std::string line = gone.line();
@@ -357,12 +415,23 @@ TEST_F(LockOwnerTest, ALockThatCannotBeSignedIsHeldAndNobodyTakesItOver) {
 }
 
 TEST_F(LockOwnerTest, AProcessThatCannotLookAtItselfTakesNothingOverAndLeavesALockThatNobodyTakesOver) {
-  const FailingCall noFile("open", EACCES, "/proc/");
-  const FailingCall noStatus("stat", EACCES, "/proc/");
-  Child child([&](const Child::Parent&) { ASSERT_TRUE(take()); });
-  EXPECT_EQ(child.join(), 0);
-  EXPECT_NE(readFile(file()), "");
-  EXPECT_FALSE(take());
+  for (const auto& [function, path] :
+       std::vector<std::pair<std::string, std::string>>{{"open", "/proc/sys/kernel/random/boot_id"},
+                                                        {"open", "/proc/self/stat"},
+                                                        {"stat", "/proc/self/ns/pid"},
+                                                        {"stat", "/proc/self/ns/time"}}) {
+    SCOPED_TRACE(path);
+    leave(goneOwner().line());
+    const FailingCall none(function, EACCES, path);
+    Child child([&](const Child::Parent&) {
+      EXPECT_FALSE(take());
+      unlink(file().c_str());
+      EXPECT_TRUE(take());
+    });
+    EXPECT_EQ(child.join(), 0);
+    EXPECT_NE(readFile(file()), "");
+    EXPECT_FALSE(take());
+  }
 }
 
 TEST_F(LockOwnerTest, ALockThatIsSignedInPartIsHeldAndNobodyTakesItOver) {

@@ -44,14 +44,27 @@ std::string kernelText(const char* path) {
   return file.number < 0 ? "" : contentOf(file.number);
 }
 
-// Distinct for each process id namespace of a running kernel.
-std::string namespaceOfThis() {
-  struct stat status;
-  return stat("/proc/self/ns/pid", &status) == 0 ? std::to_string(status.st_ino) : "";
+// Distinct for each process id namespace of a running kernel, and each time namespace in it, which has processes start
+// at other times. A kernel that knows no time namespaces has one time.
+std::string namespacesOfThis() {
+  struct stat processes;
+  struct stat times;
+  if (stat("/proc/self/ns/pid", &processes) != 0) return "";
+  const std::string first = std::to_string(processes.st_ino) + "-";
+  if (stat("/proc/self/ns/time", &times) == 0) return first + std::to_string(times.st_ino);
+  return errno == ENOENT ? first + "0" : "";
+}
+
+// Whether /proc shows the caller's process id namespace: it may be that of another one, whose processes have other ids.
+bool showsOwnNamespace() {
+  char process[16];
+  const ssize_t size = readlink("/proc/self", process, sizeof process);
+  return size > 0 && std::string(process, static_cast<size_t>(size)) == std::to_string(getpid());
 }
 
 // In ticks after the start of the kernel; empty for a process that is not there or cannot be looked at.
 std::string startOf(const std::string& process) {
+  if (!showsOwnNamespace()) return "";
   const std::string text = kernelText(("/proc/" + process + "/stat").c_str());
   // The name in parentheses may hold anything; behind it the start is the 20th field.
   size_t at = text.rfind(')');
@@ -72,15 +85,18 @@ struct Owner {
   std::string space;
   std::string process;
   std::string start;
-
-  std::string line() const { return host + " " + kernel + " " + space + " " + process + " " + start + "\n"; }
 };
 
-// Of a process that cannot look at itself the parts are empty, and the line is none that `ownerIn` reads.
-Owner thisProcess() {
+// The line of an owner, but for the host. Of a process that cannot look at itself parts are empty, and the line is none
+// that `ownerIn` reads.
+std::string foundOfThis() {
+  return runningKernel() + " " + namespacesOfThis() + " " + std::to_string(getpid()) + " " + startOf("self") + "\n";
+}
+
+std::string lineOfThis() {
   utsname names;
-  const std::string host = uname(&names) == 0 ? names.nodename : "localhost";
-  return {host, runningKernel(), namespaceOfThis(), std::to_string(getpid()), startOf("self")};
+  std::string line = uname(&names) == 0 ? names.nodename : "localhost";
+  return line.append(" ").append(foundOfThis());
 }
 
 // False for a file of the default mode, or one that another process is about to write.
@@ -147,23 +163,24 @@ std::optional<bool> makeAndSign(const std::string& lockFile, const std::string& 
 
 std::optional<bool> makeSignedLock(const std::string& lockFile) {
   if (access(lockFile.c_str(), F_OK) == 0) return false;  // as while it is waited for: without the work below
-  const std::string owner = thisProcess().line();
-  if (const auto made = makeWhole(lockFile, owner)) return made;
-  return makeAndSign(lockFile, owner);
+  const std::string line = lineOfThis();
+  if (const auto made = makeWhole(lockFile, line)) return made;
+  return makeAndSign(lockFile, line);
 }
 
 bool takeOverLock(const std::string& lockFile) {
   const Descriptor file(open(lockFile.c_str(), O_RDWR | O_CLOEXEC));
   if (file.number < 0) return false;
-  const Owner self = thisProcess();
+  const std::string line = lineOfThis();
+  Owner self;
   Owner owner;
-  if (!isOfGoneProcess(file.number, self, owner)) return false;
+  if (!ownerIn(line, self) || !isOfGoneProcess(file.number, self, owner)) return false;
   // Among those that see the same, the kernel's own lock decides; it ends with the descriptor. A name that is written
   // over stands for a process that lives: the next one that looks, under that lock, lets go.
   if (flock(file.number, LOCK_EX | LOCK_NB) != 0) return false;
   if (!isOfGoneProcess(file.number, self, owner)) return false;
   // Asked last: an operator may have removed the file until here, and then holds it who made it anew.
-  if (!write(file.number, self.line()) || !isStillAt(lockFile, file.number)) return false;
+  if (!write(file.number, line) || !isStillAt(lockFile, file.number)) return false;
   rh_logger.infoLog("The lock %s was taken over from process %s, which is gone", lockFile.c_str(),
                     owner.process.c_str());
   return true;

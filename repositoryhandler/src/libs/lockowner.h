@@ -15,9 +15,9 @@
 std::optional<bool> makeSignedLock(const std::string& lockFile);
 
 // Makes a lock the calling process's whose holder is provably gone: it ran on this host, under the kernel that runs
-// now, and in the caller's process id namespace, and no process there has its id and the time at which it started.
-// True, and a log line, when it was taken over. The file is never absent meanwhile, and of several callers one
-// succeeds.
+// now, and in the caller's namespaces of process ids and of time, and no process there has its id and the time at which
+// it started. Where /proc shows the processes of another namespace, none is taken over, nor made that could be. True,
+// and a log line, when it was taken over. The file is never absent meanwhile, and of several callers one succeeds.
 bool takeOverLock(const std::string& lockFile);
 
 #endif
