@@ -12,6 +12,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -23,6 +24,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -41,6 +43,7 @@ namespace {
 std::function<void()> onKernelLock;
 std::function<void()> onWrite;
 ssize_t mostWritten = -1;  // bytes; -1: all
+pid_t processId = 0;       // what the library takes for its own; 0: what it is
 
 std::string firstLine(const std::string& path) {
   const std::string text = readFile(path);
@@ -161,6 +164,11 @@ int flock(int descriptor, int operation) noexcept {
   if (onKernelLock) std::exchange(onKernelLock, nullptr)();
   static const auto real = realFunction<int (*)(int, int)>("flock");
   return real(descriptor, operation);
+}
+
+pid_t getpid() noexcept {
+  static const auto real = realFunction<pid_t (*)()>("getpid");
+  return processId ? processId : real();
 }
 
 ssize_t pwrite(int descriptor, const void* bytes, size_t size, off_t offset) {
@@ -432,6 +440,60 @@ TEST_F(LockOwnerTest, AProcessThatCannotLookAtItselfTakesNothingOverAndLeavesALo
     EXPECT_NE(readFile(file()), "");
     EXPECT_FALSE(take());
   }
+}
+
+TEST_F(LockOwnerTest, WhatAProcessFindsOfItselfIsReadOnceInAThread) {
+  const auto readings = [&] {
+    const CallWatch watch;
+    EXPECT_TRUE(take());
+    unlink(file().c_str());
+    return std::count_if(watch.calls.begin(), watch.calls.end(),
+                         [](const std::string& call) { return call.find(" /proc/") != std::string::npos; });
+  };
+  Child child([&](const Child::Parent&) {
+    EXPECT_EQ(readings(), 4) << "the kernel, two namespaces and the start";
+    EXPECT_EQ(readings(), 0);
+    std::thread([&] { EXPECT_EQ(readings(), 4); }).join();
+    EXPECT_EQ(readings(), 0);
+  });
+  EXPECT_EQ(child.join(), 0);
+}
+
+TEST_F(LockOwnerTest, WhatAProcessDidNotFindOfItselfIsReadAgain) {
+  Child child([&](const Child::Parent&) {
+    const FailingCall once("open", EMFILE, "/proc/self/stat", 0, 1);
+    ASSERT_TRUE(take());
+    unlink(file().c_str());
+    ASSERT_TRUE(take());
+    EXPECT_EQ(readFile(file()), ownerHere(getpid(), startOf(getpid())).line());
+  });
+  EXPECT_EQ(child.join(), 0);
+}
+
+// As in a grandchild that has got the id of a process that is gone.
+TEST_F(LockOwnerTest, AForkedProcessOfTheSameIdReadsAnewWhatItIs) {
+  const pid_t parent = getpid();
+  ASSERT_TRUE(take());
+  const std::string line = readFile(file());
+  unlink(file().c_str());
+  Child child([&](const Child::Parent&) {
+    processId = parent;
+    ASSERT_TRUE(take());
+  });
+  EXPECT_EQ(child.join(), 0);
+  EXPECT_NE(readFile(file()), line);
+}
+
+// No handler of a fork runs then.
+TEST_F(LockOwnerTest, AProcessOfAnotherIdReadsAnewWhatItIs) {
+  ASSERT_TRUE(take());
+  unlink(file().c_str());
+  const pid_t process = _Fork();
+  if (process == 0) _exit(take() ? 0 : 1);
+  int status = -1;
+  waitpid(process, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ownerIn(file()), process);
 }
 
 TEST_F(LockOwnerTest, ALockThatIsSignedInPartIsHeldAndNobodyTakesItOver) {

@@ -1,6 +1,7 @@
 #include "lockowner.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -10,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "filestatus.h"
@@ -87,18 +89,6 @@ struct Owner {
   std::string start;
 };
 
-// The line of an owner, but for the host. Of a process that cannot look at itself parts are empty, and the line is none
-// that `ownerIn` reads.
-std::string foundOfThis() {
-  return runningKernel() + " " + namespacesOfThis() + " " + std::to_string(getpid()) + " " + startOf("self") + "\n";
-}
-
-std::string lineOfThis() {
-  utsname names;
-  std::string line = uname(&names) == 0 ? names.nodename : "localhost";
-  return line.append(" ").append(foundOfThis());
-}
-
 // False for a file of the default mode, or one that another process is about to write.
 bool ownerIn(const std::string& content, Owner& owner) {
   std::string* const parts[] = {&owner.host, &owner.kernel, &owner.space, &owner.process, &owner.start};
@@ -110,6 +100,40 @@ bool ownerIn(const std::string& content, Owner& owner) {
     begin = end + 1;
   }
   return true;
+}
+
+// What a thread has found of its process, which stays the same as long as it runs. Plain memory: a thread that ends has
+// nothing to give back.
+struct Found {
+  pid_t process;  // 0: nothing yet
+  char line[128];
+};
+
+thread_local Found found;
+
+// A forked process is another one, though it may get the id of one that its parent was forked from.
+const bool isForgottenByForks = pthread_atfork(nullptr, nullptr, [] { found.process = 0; }) == 0;
+
+// The line of an owner from behind the host. Of a process that cannot look at itself parts are empty, and the line is
+// none that `ownerIn` reads.
+std::string readOfThis() {
+  std::string line;
+  for (const std::string& part : {runningKernel(), namespacesOfThis(), std::to_string(getpid()), startOf("self")})
+    line.append(" ").append(part);
+  return line.append("\n");
+}
+
+std::string lineOfThis() {
+  utsname names;
+  const std::string host = uname(&names) == 0 ? names.nodename : "localhost";
+  const pid_t process = getpid();
+  if (found.process == process) return host + found.line;
+  const std::string line = readOfThis();
+  if (Owner self; isForgottenByForks && ownerIn(host + line, self) && line.size() < sizeof found.line) {
+    memcpy(found.line, line.c_str(), line.size() + 1);
+    found.process = process;
+  }
+  return host + line;
 }
 
 bool isGone(const Owner& owner, const Owner& self) {
