@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <numeric>
@@ -22,6 +23,8 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+extern const size_t sizeForLargeFiles;  // see largefiles.cpp
 
 namespace {
 
@@ -75,6 +78,10 @@ TEST_F(DirtyFlagTest, ANewHandlerIsEmptyAndNamesNoFile) {
   const KTDirtyFlagHandler handler;
   EXPECT_THAT(handler.dirtySet, IsEmpty());
   EXPECT_EQ(handler.setFile, "");
+}
+
+TEST_F(DirtyFlagTest, AHandlerIsAsLargeForACallerOfLargeFiles) {
+  EXPECT_EQ(sizeof(KTDirtyFlagHandler), sizeForLargeFiles);
 }
 
 TEST_F(DirtyFlagTest, TheFileIsNamedAfterTheRepositoryAsItWasGiven) {

@@ -1,5 +1,7 @@
 #include "KTDirtyFlagHandler.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -19,9 +21,10 @@ namespace {
 // Seconds without a change after which the times of a file tell of the next one: they are that coarse at most.
 constexpr time_t kCoarsestTimes = 2;
 
-bool isUnchanged(const struct stat& now, const struct stat& known) {
-  return isSameInode(now, known) && now.st_size == known.st_size && now.st_ctim.tv_sec == known.st_ctim.tv_sec &&
-         now.st_ctim.tv_nsec == known.st_ctim.tv_nsec;
+// Another one when the file was changed, or another file has got its name.
+std::array<int64_t, 5> stateOf(const struct stat& status) {
+  return {static_cast<int64_t>(status.st_dev), static_cast<int64_t>(status.st_ino), status.st_size,
+          status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }
 
 bool isSettled(const struct stat& status) { return status.st_ctim.tv_sec + kCoarsestTimes < time(nullptr); }
@@ -56,7 +59,7 @@ bool KTDirtyFlagHandler::catchUp() {
   struct stat now;
   const bool there = stat(setFile.c_str(), &now) == 0;
   caughtUp = there || errno == ENOENT;
-  if (!caughtUp || (there && isUnchanged(now, known))) return caughtUp;
+  if (!caughtUp || (there && stateOf(now) == known)) return caughtUp;
   std::set<std::string> before;
   before.swap(dirtySet);
   try {
@@ -67,7 +70,7 @@ bool KTDirtyFlagHandler::catchUp() {
   if (!caughtUp) dirtySet.swap(before);
   dirtySet.insert(unsaved.begin(), unsaved.end());
   known = {};
-  if (caughtUp && there && isSettled(now)) known = now;
+  if (caughtUp && there && isSettled(now)) known = stateOf(now);
   return caughtUp;
 }
 

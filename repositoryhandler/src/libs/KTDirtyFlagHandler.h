@@ -10,8 +10,8 @@
 #ifndef REPOSITORYHANDLER_KTDIRTYFLAGHANDLER_H
 #define REPOSITORYHANDLER_KTDIRTYFLAGHANDLER_H
 
-#include <sys/stat.h>
-
+#include <array>
+#include <cstdint>
 #include <set>
 #include <string>
 
@@ -56,7 +56,9 @@ class KT_API KTDirtyFlagHandler {
   std::string lockName;  // of setFile; each name of a walk takes it
 
   // Safe mode only: what this process knows of the file, and has not got into it.
-  struct stat known = {};  // of the file that the set was read from; zero: it is to be read again
+  // The first is the state that the set was read from, zero when it is to be read again: in widths that are the same
+  // for every caller, as those of a struct stat are not.
+  std::array<int64_t, 5> known = {};
   std::set<std::string> unsaved;
   bool caughtUp = true;  // otherwise the file holds more than this process knows, and is not replaced
 };
