@@ -5,6 +5,9 @@
 #include <syslog.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -12,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "KTOwned.h"
 #include "fakes/fakes.h"
 #include "support/results.h"
 #include "support/scratch.h"
@@ -72,6 +76,14 @@ class SizeAccountingTest : public testing::Test {
   FakeSyslog log;
   ScriptedDu du;
 };
+
+// How many writing calls of this process the kernel has counted.
+long writes() {
+  const std::string counts = readFile("/proc/self/io");
+  const size_t at = counts.find("syscw: ");
+  EXPECT_NE(at, std::string::npos) << "needs a kernel that counts them";
+  return strtol(counts.c_str() + at + strlen("syscw: "), nullptr, 10);
+}
 
 // Kilobytes of the blocks of a tree, as du adds them up.
 long kilobytesOf(const std::string& path) {
@@ -348,6 +360,29 @@ TEST_F(SizeAccountingTest, ACacheFileThatCannotBeReadThrowsBeforeAnythingIsMeasu
   EXPECT_THAT(log.texts(), ElementsAre(filenameLine(), "Exists\n"));
   EXPECT_THAT(du.shell.commands, IsEmpty());
   EXPECT_EQ(cache(), "old");
+}
+
+// What a disk that fills up leaves of the file hangs on it.
+TEST_F(SizeAccountingTest, TheCacheIsWrittenResourceByResourceThroughTheBufferOfAFile) {
+  std::vector<std::string> triples;
+  for (int i = 99; i >= 0; --i) {
+    const std::string name = std::string(200, 'n') + std::to_string(1000 + i);
+    resource(name, 0);
+    triples.push_back(triple(name, kFarAhead, i));
+  }
+  const auto writeTriples = [&] {
+    const OwnedFile file(fopen((root + "/.count").c_str(), "w"));
+    for (const std::string& text : triples) fputs(text.c_str(), file.get());
+  };
+  const auto writesOf = [](const std::function<void()>& body) {
+    const long before = writes();
+    body();
+    return writes() - before;
+  };
+  const long want = writesOf(writeTriples);
+  const std::string content = cache();
+  EXPECT_EQ(writesOf([&] { count(kFlat); }), want);
+  EXPECT_EQ(cache(), content);
 }
 
 TEST_F(SizeAccountingTest, ACacheFileThatCannotBeWrittenThrows) {

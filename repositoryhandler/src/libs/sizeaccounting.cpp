@@ -69,7 +69,8 @@ void writeCache(const std::string& directory, const SizeSet& found) {
   }
   const OwnedFile f(fopen(file.c_str(), "w"));
   KT_ASSERT(f);
-  fputs(contentOf(found).c_str(), f.get());
+  for (const CountResourceSetEntry& entry : found)
+    fprintf(f.get(), "%s\n%ld\n%ld\n", entry.name.c_str(), entry.time, entry.size);
 }
 
 // Kilobytes by du, or 0 when it gave none.
