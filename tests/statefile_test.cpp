@@ -398,6 +398,16 @@ TEST_F(DirtySetTest, ADefaultModeProcessStillWritesItsOwnSetOverTheMarksOfOthers
   EXPECT_EQ(marks(), "theirs\n");
 }
 
+TEST_F(DirtySetTest, AMarkThatTheDefaultModeWroteIsNotTakenForUnsaved) {
+  const auto mine = loaded();
+  {
+    const EnvironmentVariable usual("KT_SAFE", std::nullopt);
+    mine->setDirty("a", true);
+  }
+  loaded()->clearDirtySet();
+  EXPECT_FALSE(mine->isDirty("a"));
+}
+
 TEST_F(DirtySetTest, AMarkOfAnIdWithALineFeedIsOneLineAndIsFound) {
   mark("a\nb");
   EXPECT_EQ(marks(), "a/b\n");

@@ -89,7 +89,7 @@ void KTDirtyFlagHandler::setDirty(const char* id, bool dirty) {
   const std::string mark = safety::markOf(id);
   const bool changed = dirty ? dirtySet.insert(mark).second : dirtySet.erase(mark) > 0;
   if (!changed) return;
-  if (dirty)
+  if (dirty && safety::replacesStateFiles())
     unsaved.insert(mark);
   else
     unsaved.erase(mark);
