@@ -35,10 +35,10 @@ using testing::StartsWith;
 
 namespace {
 
-// A call by descriptor that fails, for files whose path holds `part`.
+// A call by descriptor that fails, for files whose path ends so.
 struct DescriptorCall {
   std::string function;
-  std::string part;
+  std::string end;
   int error;
 };
 const DescriptorCall* failing = nullptr;
@@ -51,7 +51,7 @@ std::string pathOf(int descriptor) {
 
 bool fails(const char* function, int descriptor) {
   if (!failing || failing->function != function) return false;
-  if (pathOf(descriptor).find(failing->part) == std::string::npos) return false;
+  if (!pathOf(descriptor).ends_with(failing->end)) return false;
   errno = failing->error;
   return true;
 }
@@ -140,6 +140,46 @@ TEST_F(StateFileTest, ANewFileIsWrittenBesideTheOldOneAndFlushedBeforeItTakesIts
   EXPECT_THAT(std::vector<std::string>(from, calls.end()),
               ElementsAre("open .dirty.new", "stat .dirty", "fsync .dirty.new", "rename .dirty.new"));
   EXPECT_EQ(marks(), "new\nold\n");
+  EXPECT_FALSE(isThere(file + ".new"));
+}
+
+TEST_F(StateFileTest, TheNameOfTheNewFileIsOnTheDiskBeforeTheMarkCountsAsWritten) {
+  const auto handler = loaded();
+  const CallWatch watch;
+  handler->setDirty("new", true);
+  const auto renamed = std::find(watch.calls.begin(), watch.calls.end(), "rename " + file + ".new");
+  ASSERT_NE(renamed, watch.calls.end());
+  EXPECT_THAT(std::vector<std::string>(renamed + 1, watch.calls.end()),
+              ElementsAre("fsync " + root, StartsWith("unlink " + (directory / "locks"))));
+}
+
+TEST_F(StateFileTest, AFailureToBringTheNameToTheDiskIsToldAndTheMarkIsWrittenWithTheNextChange) {
+  writeFile(file, "old\n");
+  const auto handler = loaded();
+  const DescriptorCall call = {"fsync", "/rep", EIO};
+  failing = &call;
+  EXPECT_EQ(failedExpression([&] { handler->setDirty("new", true); }), "f");
+  failing = nullptr;
+  EXPECT_EQ(marks(), "new\nold\n");
+  writeFile(file, "old\n");  // as a power cut may leave it
+  EXPECT_TRUE(handler->isDirty("new"));
+  handler->setDirty("next", true);
+  EXPECT_EQ(marks(), "new\nnext\nold\n");
+}
+
+TEST_F(StateFileTest, AFileSystemThatBringsNoNamesToTheDiskHasItsFilesReplaced) {
+  const DescriptorCall call = {"fsync", "/rep", EINVAL};
+  failing = &call;
+  mark("new");
+  EXPECT_EQ(marks(), "new\n");
+}
+
+TEST_F(StateFileTest, WhereTheDirectoryCannotBeOpenedTheOldFileStays) {
+  writeFile(file, "old\n");
+  const auto handler = loaded();
+  const FailingCall once("open", EMFILE, root + "/", 0, 1);
+  EXPECT_EQ(failedExpression([&] { handler->setDirty("new", true); }), "f");
+  EXPECT_EQ(marks(), "old\n");
   EXPECT_FALSE(isThere(file + ".new"));
 }
 

@@ -1,7 +1,9 @@
-// Guards for what C hands out raw: char arrays of array new, stdio files, malloc memory.
+// Guards for what C hands out raw: char arrays of array new, stdio files, malloc memory, descriptors.
 
 #ifndef KTUTILS_KTOWNED_H
 #define KTUTILS_KTOWNED_H
+
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -19,5 +21,18 @@ struct MallocFreer {
 };
 template <typename T>
 using OwnedMalloc = std::unique_ptr<T, MallocFreer>;
+
+// Of what `open` gave; negative: nothing is open.
+class OwnedDescriptor {
+ public:
+  explicit OwnedDescriptor(int opened) : number(opened) {}
+  ~OwnedDescriptor() {
+    if (number >= 0) close(number);
+  }
+  OwnedDescriptor(const OwnedDescriptor&) = delete;
+  OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
+
+  const int number;
+};
 
 #endif

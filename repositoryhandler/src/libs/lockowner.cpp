@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string>
 
+#include "KTOwned.h"
 #include "filestatus.h"
 #include "librarylog.h"
 
@@ -21,18 +22,6 @@ namespace {
 
 constexpr mode_t kLockFileMode = 0660;  // as KTSemaphore makes them
 constexpr size_t kMostBytes = 1023;     // of what is read; an owner is shorter
-
-class Descriptor {
- public:
-  explicit Descriptor(int opened) : number(opened) {}
-  ~Descriptor() {
-    if (number >= 0) close(number);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  const int number;
-};
 
 std::string contentOf(int descriptor) {
   char bytes[kMostBytes];
@@ -42,7 +31,7 @@ std::string contentOf(int descriptor) {
 
 // The first bytes of a small file of the kernel; empty when it cannot be read.
 std::string kernelText(const char* path) {
-  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  const OwnedDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
   return file.number < 0 ? "" : contentOf(file.number);
 }
 
@@ -164,7 +153,7 @@ bool isOfGoneProcess(int descriptor, const Owner& self, Owner& owner) {
 // Whole before it has its name. None: the file system has no files without a name, or another step failed.
 std::optional<bool> makeWhole(const std::string& lockFile, const std::string& owner) {
   const std::string directory = lockFile.substr(0, lockFile.rfind('/'));
-  const Descriptor file(open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kLockFileMode));
+  const OwnedDescriptor file(open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kLockFileMode));
   if (file.number < 0 || !write(file.number, owner)) return std::nullopt;
   const std::string nameless = "/proc/self/fd/" + std::to_string(file.number);
   if (linkat(AT_FDCWD, nameless.c_str(), AT_FDCWD, lockFile.c_str(), AT_SYMLINK_FOLLOW) == 0) return true;
@@ -174,7 +163,7 @@ std::optional<bool> makeWhole(const std::string& lockFile, const std::string& ow
 
 // In two steps: between them the file is empty, as in the default mode.
 std::optional<bool> makeAndSign(const std::string& lockFile, const std::string& owner) {
-  const Descriptor file(open(lockFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kLockFileMode));
+  const OwnedDescriptor file(open(lockFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kLockFileMode));
   if (file.number >= 0) {
     write(file.number, owner);
     return true;
@@ -193,7 +182,7 @@ std::optional<bool> makeSignedLock(const std::string& lockFile) {
 }
 
 bool takeOverLock(const std::string& lockFile) {
-  const Descriptor file(open(lockFile.c_str(), O_RDWR | O_CLOEXEC));
+  const OwnedDescriptor file(open(lockFile.c_str(), O_RDWR | O_CLOEXEC));
   if (file.number < 0) return false;
   const std::string line = lineOfThis();
   Owner self;

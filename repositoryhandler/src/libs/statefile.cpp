@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "KTOwned.h"
+
 namespace {
 
 constexpr mode_t kFreshFileMode = 0666;  // before the process's umask, as fopen makes files
@@ -41,10 +43,17 @@ bool writeFile(const std::string& path, const std::string& temporary, const std:
   return written && closed;
 }
 
+// Some file systems bring no directory to the disk by itself (EINVAL): nothing more can be done there.
+bool flushDirectory(int descriptor) { return fsync(descriptor) == 0 || errno == EINVAL; }
+
 }  // namespace
 
 bool replaceFile(const std::string& path, const std::string& temporary, const std::string& content) {
-  if (writeFile(path, temporary, content) && rename(temporary.c_str(), path.c_str()) == 0) return true;
+  const std::string parent = path.substr(0, path.rfind('/') + 1);
+  const OwnedDescriptor directory(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.number < 0) return false;
+  if (writeFile(path, temporary, content) && rename(temporary.c_str(), path.c_str()) == 0)
+    return flushDirectory(directory.number);
   const int failure = errno;
   unlink(temporary.c_str());
   errno = failure;

@@ -5,9 +5,10 @@
 
 #include <string>
 
-// Puts a file with this content, on the disk already, in the place of the one at `path`, whose mode and, as far as that
-// may be, owner and group it gets. `temporary` is a path beside it that nothing else uses: what is there goes. False,
-// with errno, when that failed; the old file is as it was then.
+// Puts a file with this content in the place of the one at `path`, whose mode and, as far as that may be, owner and
+// group it gets: the content is on the disk before, the name after it, where the file system can do that. `temporary`
+// is a path beside it that nothing else uses: what is there goes. False, with errno, when that failed; the old file is
+// as it was then, or the new one stands in its place and a power cut may bring the old one back.
 bool replaceFile(const std::string& path, const std::string& temporary, const std::string& content);
 
 #endif
