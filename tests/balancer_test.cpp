@@ -958,6 +958,60 @@ TEST(BalancerTest, GivesUpOnAClearableRepositoryAfterThreeCyclesThatChangeNothin
   EXPECT_THAT(scene.resources(0), ElementsAre("a"));
 }
 
+TEST(BalancerTest, InTheSafeModeGivesUpOnAClearableRepositoryAfterOneCycleThatTriesNothing) {
+  const EnvironmentVariable safe("KT_SAFE", "1");
+  Scene scene({"d1", "d2"}, "isClearable=true\nmoveLimit=90\n");
+  scene.used(0, 95);
+  scene.used(1, 10);
+  scene.repository.placeFile(0, "a", "content", kLongAgo);
+  scene.pass(false);
+  EXPECT_EQ(countOf(scene.logged(), "D Trying to move instead of cleaning first..."), 1);
+  EXPECT_EQ(lastOf(scene.logged()), logGivesUp(scene, 0));
+  EXPECT_THAT(scene.logged(), Contains(StartsWith("E CheckOverload gives up")).Times(1));
+}
+
+TEST(BalancerTest, InTheSafeModeACycleThatMovesIsFollowedByAnother) {
+  const EnvironmentVariable safe("KT_SAFE", "1");
+  Scene scene({"d1", "d2"}, "isClearable=true\nmoveLimit=90\n");
+  scene.used(0, [&] { return isThere(scene.at(0, "a")) ? 98.5 : 95.0; });
+  scene.used(1, 10);
+  scene.repository.placeFile(0, "a", "content", kLongAgo);
+  scene.repository.placeFile(0, "b", "content", kLongAgo + 1);
+  scene.pass(false);
+  EXPECT_THAT(scene.resources(1), ElementsAre("a"));
+  EXPECT_EQ(countOf(scene.logged(), "D Trying to move instead of cleaning first..."), 2);
+  EXPECT_EQ(lastOf(scene.logged()), logGivesUp(scene, 0));
+}
+
+TEST(BalancerTest, GivesNothingUpWhenAllThatItTriedToMoveIsUsedMeanwhile) {
+  for (const char* mode : {"0", "1"}) {
+    const EnvironmentVariable safe("KT_SAFE", mode);
+    Scene scene({"d1", "d2"});
+    scene.used(0, 99.5);
+    scene.used(1, 10);
+    scene.repository.placeFile(0, "a", "content", kLongAgo);
+    scene.handler();
+    scene.whileWaitingFor("a", [&] { setTimes(scene.at(0, "a"), scene.clock.now); });
+    scene.pass(false);
+    EXPECT_THAT(scene.logged(), ElementsAre(logDetected(scene, 0), "D CheckOverload tries to move"));
+  }
+}
+
+TEST(BalancerTest, GivesNothingUpWhenAllThatItTriedToDeleteIsUsedMeanwhile) {
+  for (const char* mode : {"0", "1"}) {
+    const EnvironmentVariable safe("KT_SAFE", mode);
+    Scene scene({"d1", "d2"}, "isClearable=true\n");
+    scene.used(0, 99.5);
+    scene.used(1, 97.5);
+    scene.repository.placeFile(0, "a", "content", kLongAgo);
+    scene.handler();
+    scene.whileWaitingFor("a", [&] { setTimes(scene.at(0, "a"), scene.clock.now); });
+    scene.pass(false);
+    EXPECT_EQ(countOf(scene.logged(), logGivesUp(scene, 0)), 0);
+    EXPECT_EQ(lastOf(scene.logged()), "D No other resources found to be deleted...");
+  }
+}
+
 TEST(BalancerTest, CountsCyclesThatChangeNothingFromTheLastSuccess) {
   Scene scene({"d1", "d2"}, "isClearable=true\nmoveLimit=90\n");
   const auto cycles = [&] { return countOf(scene.logged(), "D Trying to move instead of cleaning first..."); };

@@ -180,7 +180,8 @@ class KT_API KTRepositoryHandler {
 
   // How far a pass has come with one mount.
   struct Progress {
-    unsigned long relocated = 0;  // resources moved or deleted
+    unsigned long tried = 0;      // resources that were to be moved or deleted
+    unsigned long relocated = 0;  // those that were
     bool gaveUp = false;          // rounds in a row got nowhere
   };
   class KT_LOCAL FruitlessRounds;

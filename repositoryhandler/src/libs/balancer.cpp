@@ -71,18 +71,20 @@ std::string notLocked(const char* what, const std::string& name) {
 class KTRepositoryHandler::FruitlessRounds {
  public:
   FruitlessRounds(Progress& watched, const KTMountPointHandler& mount)
-      : progress(watched), last(watched.relocated), place(mount.mountPath) {}
+      : progress(watched), last(watched.relocated), lastTried(watched.tried), place(mount.mountPath) {}
 
-  // To be asked after each round. True, once logged, when there were too many in a row.
+  // To be asked after each round. True, once logged, when there were too many in a row, or the round had nothing to try
+  // and so has the next.
   bool tooMany() {
     rounds = progress.relocated == last ? rounds + 1 : 0;
     last = progress.relocated;
-    return rounds >= kMostFruitlessRounds && giveUp();
+    const bool triedNothing = std::exchange(lastTried, progress.tried) == progress.tried;
+    return (rounds >= kMostFruitlessRounds || (triedNothing && safety::endsRepeatedRounds())) && giveUp();
   }
 
   // To be asked then. True, once logged, when the round was fruitless and the next would try nothing else.
   bool repeats(const Candidates& tried, const Candidates& next) {
-    return rounds > 0 && safety::endsRepeatedRounds() &&
+    return rounds > 0 && !next.empty() && safety::endsRepeatedRounds() &&
            std::includes(tried.begin(), tried.end(), next.begin(), next.end(), ltres()) && giveUp();
   }
 
@@ -95,6 +97,7 @@ class KTRepositoryHandler::FruitlessRounds {
 
   Progress& progress;
   unsigned long last;
+  unsigned long lastTried;
   const std::string& place;
   int rounds = 0;
 };
@@ -171,6 +174,7 @@ bool KTRepositoryHandler::deleteOldest(const KTMountPointHandler* mount, Candida
   while (status & REPOSITORY_NOSPACE) {
     for (const ResourceEntry& entry : oldest) {
       if (!(status & REPOSITORY_NOSPACE)) return true;
+      ++progress.tried;
       if (deleteCandidate(mount, entry, verbose)) ++progress.relocated;
     }
     if (!(status & REPOSITORY_NOSPACE)) return true;
@@ -258,6 +262,7 @@ void KTRepositoryHandler::moveBatches(KTMountPointHandler* mount, Candidates& ol
   while (!oldest.empty() && goesOn()) {
     for (const ResourceEntry& entry : oldest) {
       if (!goesOn()) return;
+      ++progress.tried;
       if (moveCandidate(mount, entry, target, verbose)) ++progress.relocated;
     }
     if (!goesOn() || batches.tooMany()) return;
