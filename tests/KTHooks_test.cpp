@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <new>
 #include <string>
+#include <thread>
 
 #include "KTLogger.h"
 #include "KTSemaphore.h"
@@ -139,11 +140,12 @@ TEST_F(HooksTest, WithoutMemoryALockIsTakenAllTheSameAndReleased) {
   int k = 0;
   for (; struck; ++k) {
     KTSemaphore semaphore("m1", directory.path(), true);
-    {
+    std::thread([&] {  // which knows nothing of its process yet
       const Allocations allocations(k);
       EXPECT_NO_THROW(EXPECT_TRUE(semaphore.lockResource())) << k;
       struck = allocations.count > k;
-    }
+    })
+        .join();
     EXPECT_TRUE(semaphore.locked);
     semaphore.unlock();
     EXPECT_FALSE(isThere(file()));

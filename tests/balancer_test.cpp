@@ -983,35 +983,6 @@ TEST(BalancerTest, InTheSafeModeACycleThatMovesIsFollowedByAnother) {
   EXPECT_EQ(lastOf(scene.logged()), logGivesUp(scene, 0));
 }
 
-TEST(BalancerTest, GivesNothingUpWhenAllThatItTriedToMoveIsUsedMeanwhile) {
-  for (const char* mode : {"0", "1"}) {
-    const EnvironmentVariable safe("KT_SAFE", mode);
-    Scene scene({"d1", "d2"});
-    scene.used(0, 99.5);
-    scene.used(1, 10);
-    scene.repository.placeFile(0, "a", "content", kLongAgo);
-    scene.handler();
-    scene.whileWaitingFor("a", [&] { setTimes(scene.at(0, "a"), scene.clock.now); });
-    scene.pass(false);
-    EXPECT_THAT(scene.logged(), ElementsAre(logDetected(scene, 0), "D CheckOverload tries to move"));
-  }
-}
-
-TEST(BalancerTest, GivesNothingUpWhenAllThatItTriedToDeleteIsUsedMeanwhile) {
-  for (const char* mode : {"0", "1"}) {
-    const EnvironmentVariable safe("KT_SAFE", mode);
-    Scene scene({"d1", "d2"}, "isClearable=true\n");
-    scene.used(0, 99.5);
-    scene.used(1, 97.5);
-    scene.repository.placeFile(0, "a", "content", kLongAgo);
-    scene.handler();
-    scene.whileWaitingFor("a", [&] { setTimes(scene.at(0, "a"), scene.clock.now); });
-    scene.pass(false);
-    EXPECT_EQ(countOf(scene.logged(), logGivesUp(scene, 0)), 0);
-    EXPECT_EQ(lastOf(scene.logged()), "D No other resources found to be deleted...");
-  }
-}
-
 TEST(BalancerTest, CountsCyclesThatChangeNothingFromTheLastSuccess) {
   Scene scene({"d1", "d2"}, "isClearable=true\nmoveLimit=90\n");
   const auto cycles = [&] { return countOf(scene.logged(), "D Trying to move instead of cleaning first..."); };
@@ -1452,6 +1423,25 @@ TEST(FreeMountTest, TakesEachResourcesLockAndNotTheRepositorys) {
   }
   std::erase_if(locks, [&](const std::string& lock) { return lock.substr(1) == scene.repository.dirtyLockName(); });
   EXPECT_THAT(locks, ElementsAre("+" + scene.repository.lockName("a"), "-" + scene.repository.lockName("a")));
+}
+
+TEST(FreeMountTest, InTheSafeModeAMountIsFoundByAnotherNameOfItsDirectory) {
+  const EnvironmentVariable safe("KT_SAFE", "1");
+  for (const char* name : {"d1", "link", "d1/", "d2/../d1"}) {
+    SCOPED_TRACE(name);
+    Scene scene({"d1", "d2", "d3"});
+    scene.used(0, 50);
+    scene.used(1, 96);
+    scene.used(2, 10);
+    makeLink("d1", scene.repository.path() + "/link");
+    scene.repository.configure("mountPoints=d1\\link\\d2\\d3\n");
+    scene.repository.placeFile(0, "a", "content", kLongAgo);
+    EXPECT_EQ(scene.handler().moveAllResourcesFromMount(name), 0);
+    EXPECT_THAT(scene.resources(0), IsEmpty());
+    EXPECT_THAT(scene.resources(2), ElementsAre("a"));
+    EXPECT_EQ(scene.handler().moveAllResourcesFromMount("d4"), 1);
+    EXPECT_EQ(scene.handler().moveAllResourcesFromMount(""), 1);
+  }
 }
 
 TEST(FreeMountTest, AnswersOneForANameThatNoMountHas) {

@@ -298,6 +298,16 @@ TEST_F(DirtySetTest, AnUnsavedMarkOutlivesAChangeOfTheFileByAnotherProcess) {
   EXPECT_EQ(marks(), "next\nother\nunsaved\n");
 }
 
+TEST_F(DirtySetTest, AnUnsavedMarkIsWrittenWhenItIsSetAgain) {
+  const auto handler = loaded();
+  for (const char* call : {"open", "rename"}) {
+    const FailingCall full(call, ENOSPC, "/.dirty.new");
+    EXPECT_EQ(failedExpression([&] { handler->setDirty("a", true); }), "f") << "and told of again";
+  }
+  handler->setDirty("a", true);
+  EXPECT_EQ(marks(), "a\n");
+}
+
 TEST_F(DirtySetTest, TwoHandlersLoseNoMarkOfEachOther) {
   const auto one = loaded();
   const auto two = loaded();

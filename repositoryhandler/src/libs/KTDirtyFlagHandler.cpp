@@ -88,7 +88,7 @@ void KTDirtyFlagHandler::setDirty(const char* id, bool dirty) {
   catchUp();
   const std::string mark = safety::markOf(id);
   const bool changed = dirty ? dirtySet.insert(mark).second : dirtySet.erase(mark) > 0;
-  if (!changed) return;
+  if (!changed && unsaved.count(mark) == 0) return;
   if (dirty && safety::replacesStateFiles())
     unsaved.insert(mark);
   else

@@ -36,7 +36,8 @@ class KT_API KTDirtyFlagHandler {
   bool isDirty(const char* id);
   // Puts `id` in the set or takes it out, and rewrites the file when that changed the set. Does nothing when
   // the lock is not taken within 30 seconds (logged). Throws KTAssertionException for a null, or when the file
-  // cannot be opened: the set in memory has changed then, and is written with the next change.
+  // cannot be opened: the set in memory has changed then, and is written with the next change; in the safe
+  // mode also when a mark that is not in the file is set again.
   void setDirty(const char* id, bool dirty);
   // Empties the set and rewrites the file; otherwise as setDirty.
   void clearDirtySet();

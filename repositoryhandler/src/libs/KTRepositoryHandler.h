@@ -146,9 +146,10 @@ class KT_API KTRepositoryHandler {
   // them or there is none old enough, else 0, also when it gives up as a pass does. The caller holds the repository's
   // lock.
   int moveResourcesFromMount(KTMountPointHandler* mount, bool verbose);
-  // Moves all resources off the mount whose directory is the repository's plus "/" plus `mountName`. Returns 0
-  // when done, 1 when there is no such mount, 2 when no mount could take them, 3 when some could not be
-  // moved. Also 2 when the last target was mount 0, even if all were moved. Takes no lock of the repository.
+  // Moves all resources off the mount whose directory is the repository's plus "/" plus `mountName`; in the safe mode
+  // any name of the directory will do, as that of a mount which was left out for this one. Returns 0 when done, 1 when
+  // there is no such mount, 2 when no mount could take them, 3 when some could not be moved. Also 2 when the last
+  // target was mount 0, even if all were moved. Takes no lock of the repository.
   int moveAllResourcesFromMount(const char* mountName);
   // Clears the dirty set, puts all mounts back in service and removes every resource. Takes no lock of the repository.
   void makeEmpty();

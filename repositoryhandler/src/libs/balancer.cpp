@@ -84,7 +84,7 @@ class KTRepositoryHandler::FruitlessRounds {
 
   // To be asked then. True, once logged, when the round was fruitless and the next would try nothing else.
   bool repeats(const Candidates& tried, const Candidates& next) {
-    return rounds > 0 && !next.empty() && safety::endsRepeatedRounds() &&
+    return rounds > 0 && safety::endsRepeatedRounds() &&
            std::includes(tried.begin(), tried.end(), next.begin(), next.end(), ltres()) && giveUp();
   }
 
@@ -394,8 +394,9 @@ void KTRepositoryHandler::makeEmpty() {
 }
 
 KTMountPointHandler* KTRepositoryHandler::mountAt(const std::string& path) const {
-  const auto found = std::find_if(mountPoints.begin(), mountPoints.end(),
-                                  [&](const KTMountPointHandler* mount) { return mount->mountPath == path; });
+  const auto found = std::find_if(mountPoints.begin(), mountPoints.end(), [&](const KTMountPointHandler* mount) {
+    return mount->mountPath == path || safety::isOneMount(path, mount->mountPath);
+  });
   return found == mountPoints.end() ? nullptr : *found;
 }
 
