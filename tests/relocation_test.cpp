@@ -482,6 +482,7 @@ TEST_F(RelocationTest, AFailedMoveLeavesNoEmptyDirectoriesAtTheDestination) {
   place(0, k2009);
   Steps steps;
   steps.failing = 0;
+  steps.persistent = true;
   EXPECT_EQ(freeMount_(repository.id(), "m1"), 3);
   EXPECT_THAT(treeOf(repository.mount(1)), ElementsAre("lost+found/", "lost+found/kt-moves/", "repositorypart.cfg="));
 }

@@ -144,6 +144,7 @@ TEST_F(StateFileTest, ANewFileIsWrittenBesideTheOldOneAndFlushedBeforeItTakesIts
 }
 
 TEST_F(StateFileTest, TheNameOfTheNewFileIsOnTheDiskBeforeTheMarkCountsAsWritten) {
+  writeFile(file, "");
   const auto handler = loaded();
   const CallWatch watch;
   handler->setDirty("new", true);
@@ -299,6 +300,7 @@ TEST_F(DirtySetTest, AnUnsavedMarkOutlivesAChangeOfTheFileByAnotherProcess) {
 }
 
 TEST_F(DirtySetTest, AnUnsavedMarkIsWrittenWhenItIsSetAgain) {
+  writeFile(file, "");
   const auto handler = loaded();
   for (const char* call : {"open", "rename"}) {
     const FailingCall full(call, ENOSPC, "/.dirty.new");
@@ -393,6 +395,20 @@ TEST_F(DirtySetTest, AFileThatCannotBeReadToItsEndIsNotReplaced) {
   EXPECT_TRUE(one->isDirty("anything"));
   EXPECT_EQ(failedExpression([&] { one->setDirty("mine", true); }), "f");
   EXPECT_TRUE(isDirectoryThere(file));
+}
+
+// A network file system may say so while its server comes back.
+TEST_F(DirtySetTest, AFileThatIsSaidNotToBeThereThoughItIsLosesNoMark) {
+  const auto one = loaded();
+  mark("other");
+  {
+    const FailingCall absent("stat", ENOENT, file, 0, 1);
+    EXPECT_EQ(failedExpression([&] { one->setDirty("mine", true); }), "f");
+    EXPECT_EQ(absent.failed(), 1);
+  }
+  EXPECT_EQ(marks(), "other\n");
+  one->setDirty("more", true);
+  EXPECT_EQ(marks(), "mine\nmore\nother\n");
 }
 
 TEST_F(DirtySetTest, ClearingNeedsNotReadTheFile) {

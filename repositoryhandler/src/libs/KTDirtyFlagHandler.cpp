@@ -59,6 +59,7 @@ bool KTDirtyFlagHandler::catchUp() {
   struct stat now;
   const bool there = stat(setFile.c_str(), &now) == 0;
   caughtUp = there || errno == ENOENT;
+  isNew = caughtUp && !there;
   if (!caughtUp || (there && stateOf(now) == known)) return caughtUp;
   std::set<std::string> before;
   before.swap(dirtySet);
@@ -102,6 +103,7 @@ void KTDirtyFlagHandler::clearDirtySet() {
   dirtySet.clear();
   unsaved.clear();
   caughtUp = true;  // whatever the file holds
+  isNew = false;
   writeSetFile();
 }
 
@@ -119,7 +121,8 @@ int KTDirtyFlagHandler::writeSetFile() {
 bool KTDirtyFlagHandler::replaceSetFile() {
   std::string content;
   for (const std::string& id : dirtySet) content.append(id).append("\n");
-  if (!replaceFile(setFile, setFile + ".new", content)) return false;
+  if (!replaceFile(setFile, setFile + ".new", content, isNew)) return false;
+  isNew = false;
   unsaved.clear();
   known = {};
   return true;

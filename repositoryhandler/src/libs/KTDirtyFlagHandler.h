@@ -61,6 +61,7 @@ class KT_API KTDirtyFlagHandler {
   // for every caller, as those of a struct stat are not.
   std::array<int64_t, 5> known = {};
   std::set<std::string> unsaved;
+  bool isNew = false;    // there was no file when this process looked
   bool caughtUp = true;  // otherwise the file holds more than this process knows, and is not replaced
 };
 

@@ -415,7 +415,7 @@ bool KTRepositoryHandler::markWhileMoved(const char* resource) {
   bool isMarked = false;
   inSpiteOfFailure([&] {
     isMarked = dirtyFlagHandler.isDirty(resource);
-    if (!isMarked) dirtyFlagHandler.setDirty(resource, true);
+    dirtyFlagHandler.setDirty(resource, true);  // one that never came into the file is written now
   });
   return !isMarked;
 }

@@ -20,6 +20,7 @@
 #include "librarylog.h"
 #include "listing.h"
 #include "paths.h"
+#include "renaming.h"
 #include "safety.h"
 #include "transfer.h"
 #include "treecomparison.h"
@@ -72,17 +73,6 @@ std::string nameOfMove() {
   return std::to_string(getpid()) + "-" + std::to_string(++moves);
 }
 
-// Never over anything: an empty directory there would make way.
-bool renameTo(const std::string& from, const std::string& to) {
-  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
-  if (errno != EINVAL && errno != ENOSYS) return false;
-  if (safety::isThere(to.c_str())) {  // a file system that cannot tell the kernel
-    errno = EEXIST;
-    return false;
-  }
-  return rename(from.c_str(), to.c_str()) == 0;
-}
-
 // A name out of sight, on the file system of a path, for what is on its way there or away. What is there in the end is
 // removed, and what a process that had the same id has left there before.
 class Hideout {
@@ -126,7 +116,7 @@ class Hideout {
   bool isMade() const { return !directory.empty() && exists(directory.c_str()); }
   // Leaves what is there to the operator, where nothing removes it.
   void keep() const {
-    renameTo(path, kept);
+    renameToNothing(path, kept);
     safety::logError("The resource \"" + path + "\" could not be brought back. It is kept as \"" + kept + "\".");
   }
 
@@ -198,10 +188,10 @@ int makeCopy(const std::string& origin, const std::string& copy, const Disk& dis
 
 // The copy stands at its place and is on the disk. A failure takes it back.
 bool putInPlace(const std::string& copy, const std::string& destination, const Disk& disk) {
-  if (!renameTo(copy, destination)) return false;
+  if (!renameToNothing(copy, destination)) return false;
   if (disk.flush() && isInService(destination)) return true;
   const int failure = errno;
-  renameTo(destination, copy);
+  renameToNothing(destination, copy);
   errno = failure;
   return false;
 }
@@ -211,11 +201,11 @@ bool putInPlace(const std::string& copy, const std::string& destination, const D
 // has joined the copy to the origin, directories without files, before it was hidden.
 bool hideAway(const std::string& origin, const std::string& kept, const Hideout& old) {
   const Disk disk(origin);
-  if (!renameTo(origin, old.path)) return false;
+  if (!renameToNothing(origin, old.path)) return false;
   const bool isFlushed = disk.flush();
   if (isFlushed && namesAreContained(old.path, kept)) return true;
   const int failure = isFlushed ? EBUSY : errno;
-  const bool isBack = renameTo(old.path, origin);
+  const bool isBack = renameToNothing(old.path, origin);
   if (!isBack && !namesAreContained(old.path, kept)) old.keep();
   errno = failure;
   return !isBack;
@@ -253,7 +243,8 @@ int relocate(const std::string& origin, const std::string& destination) {
   // A process of the default mode may have joined the origin to the copy: that is the only one then.
   if (putAway(origin, destination, old) || !safety::isThere(origin.c_str())) return 0;
   const int failure = errno;
-  if (old.isMade()) renameTo(destination, copy.path);  // else only a part of the origin may be left: the copy stays
+  if (old.isMade())
+    renameToNothing(destination, copy.path);  // else only a part of the origin may be left: the copy stays
   errno = failure;
   return kNotMoved;
 }
@@ -275,5 +266,5 @@ std::vector<std::string> leftCopies(const std::string& mountPath) {
 void removeLeftCopies(const std::string& mountPath, const std::string& id) {
   const std::string left = outOfSight(mountPath) + "/" + id;
   const Hideout rest = Hideout::beside(left);
-  if (renameTo(left, rest.path)) rh_logger.infoLog("What a move left behind is removed: %s", left.c_str());
+  if (renameToNothing(left, rest.path)) rh_logger.infoLog("What a move left behind is removed: %s", left.c_str());
 }

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "KTOwned.h"
+#include "renaming.h"
 
 namespace {
 
@@ -48,12 +49,14 @@ bool flushDirectory(int descriptor) { return fsync(descriptor) == 0 || errno == 
 
 }  // namespace
 
-bool replaceFile(const std::string& path, const std::string& temporary, const std::string& content) {
+bool replaceFile(const std::string& path, const std::string& temporary, const std::string& content, bool isNew) {
   const std::string parent = path.substr(0, path.rfind('/') + 1);
   const OwnedDescriptor directory(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory.number < 0) return false;
-  if (writeFile(path, temporary, content) && rename(temporary.c_str(), path.c_str()) == 0)
-    return flushDirectory(directory.number);
+  const auto put = [&] {
+    return isNew ? renameToNothing(temporary, path) : rename(temporary.c_str(), path.c_str()) == 0;
+  };
+  if (writeFile(path, temporary, content) && put()) return flushDirectory(directory.number);
   const int failure = errno;
   unlink(temporary.c_str());
   errno = failure;

@@ -9,6 +9,7 @@
 // group it gets: the content is on the disk before, the name after it, where the file system can do that. `temporary`
 // is a path beside it that nothing else uses: what is there goes. False, with errno, when that failed; the old file is
 // as it was then, or the new one stands in its place and a power cut may bring the old one back.
-bool replaceFile(const std::string& path, const std::string& temporary, const std::string& content);
+// With `isNew` none is there: should one be all the same, it stays, and that is a failure.
+bool replaceFile(const std::string& path, const std::string& temporary, const std::string& content, bool isNew = false);
 
 #endif
