@@ -90,7 +90,8 @@ class Contender {
  private:
   unsigned int drawBelow(unsigned int bound) { return static_cast<unsigned int>(random() % bound); }
   static std::string ownName(unsigned int worker, unsigned int i) {
-    return "w" + std::to_string(worker) + "r" + std::to_string(i);
+    std::string name("w");
+    return name.append(std::to_string(worker)).append("r").append(std::to_string(i));
   }
 
   void write(const std::string& line) const {
