@@ -91,7 +91,7 @@ class Hideout {
   }
   ~Hideout() {
     const int failure = errno;
-    clear();
+    if (!isKept) clear();
     if (!directory.empty()) rmdir(directory.c_str());
     errno = failure;
   }
@@ -115,7 +115,8 @@ class Hideout {
   }
   bool isMade() const { return !directory.empty() && exists(directory.c_str()); }
   // Leaves what is there to the operator, where nothing removes it.
-  void keep() const {
+  void keep() {
+    isKept = true;
     renameToNothing(path, kept);
     safety::logError("The resource \"" + path + "\" could not be brought back. It is kept as \"" + kept + "\".");
   }
@@ -140,6 +141,7 @@ class Hideout {
   const std::string directory;
   const std::string kept;
   const std::string removal;  // made first: a destructor has no memory to ask for
+  bool isKept = false;
 };
 
 // The file system around a path, to be brought to the disk. What it loses of what was written to it is told to whoever
@@ -199,7 +201,7 @@ bool putInPlace(const std::string& copy, const std::string& destination, const D
 // Whole and at once, and on the disk: after a power cut it would stand beside its copy, when no mark tells of the two
 // any more. The hideout removes it at its end. A failure takes it back; and so does a process of the default mode that
 // has joined the copy to the origin, directories without files, before it was hidden.
-bool hideAway(const std::string& origin, const std::string& kept, const Hideout& old) {
+bool hideAway(const std::string& origin, const std::string& kept, Hideout& old) {
   const Disk disk(origin);
   if (!renameToNothing(origin, old.path)) return false;
   const bool isFlushed = disk.flush();
@@ -214,7 +216,7 @@ bool hideAway(const std::string& origin, const std::string& kept, const Hideout&
 // In a directory that is listed flat it would be taken for a resource, and on a full disk there may be no hideout:
 // there it is deleted where it is, by this process, with which that ends: a command would go on when somebody else has
 // taken the lock over.
-bool putAway(const std::string& origin, const std::string& kept, const Hideout& old) {
+bool putAway(const std::string& origin, const std::string& kept, Hideout& old) {
   if (old.isMade()) return hideAway(origin, kept, old);
   if (!namesAreContained(origin, kept)) {
     errno = EBUSY;
@@ -235,7 +237,7 @@ bool isOneThing(const std::string& path, const std::string& other) {
 int relocate(const std::string& origin, const std::string& destination) {
   if (!isInService(destination)) return kNotMoved;
   const Hideout copy = Hideout::of(destination);
-  const Hideout old = Hideout::of(origin);
+  Hideout old = Hideout::of(origin);
   if (!copy.make() || !old.makeIfRoom()) return kNotMoved;
   const Disk disk(copy.path);
   if (const int status = makeCopy(origin, copy.path, disk)) return status;
@@ -243,15 +245,15 @@ int relocate(const std::string& origin, const std::string& destination) {
   // A process of the default mode may have joined the origin to the copy: that is the only one then.
   if (putAway(origin, destination, old) || !safety::isThere(origin.c_str())) return 0;
   const int failure = errno;
-  if (old.isMade())
-    renameToNothing(destination, copy.path);  // else only a part of the origin may be left: the copy stays
+  // Where the origin was deleted in its place, only a part of it may be left: the copy stays.
+  if (old.isMade() && namesAreContained(destination, origin)) renameToNothing(destination, copy.path);
   errno = failure;
   return kNotMoved;
 }
 
 bool dropContainedCopy(const std::string& origin, const std::string& kept) {
   if (isOneThing(origin, kept)) return false;
-  const Hideout old = Hideout::of(origin);
+  Hideout old = Hideout::of(origin);
   const Disk disk(kept);
   return old.makeIfRoom() && isContained(origin, kept) && disk.flush() && putAway(origin, kept, old);
 }
