@@ -25,13 +25,13 @@ public final class Contender {
     private static final long LONG_AGO = 1000000000L;
     private static final int NOT_LOCKED = -1;
     private static final int NOT_THERE = 99;
-    private static final int MOST_ATTEMPTS = 20; // for a lock; others hold it for a moment only
 
     private final RepositoryHandler handler = new RepositoryHandler();
     private final String repository;
     private final FileChannel history;
     private final int number;
     private final int count;
+    private final long mostOperations;
     private final Random random;
     private final Map<String, Integer> generations = new HashMap<>(); // of what must be there
     private long operations;
@@ -43,6 +43,7 @@ public final class Contender {
         Path file = Path.of(arguments[1]);
         number = Integer.parseInt(arguments[2]);
         count = Integer.parseInt(arguments[3]);
+        mostOperations = Long.parseLong(arguments[4]);
         random = new Random(Long.parseLong(arguments[5]));
         boolean wasKilled = Files.exists(file);
         if (wasKilled) {
@@ -52,16 +53,20 @@ public final class Contender {
         history = FileChannel.open(file, StandardOpenOption.CREATE, StandardOpenOption.APPEND);
         for (int i = 0; wasKilled && i < OWN_NAMES; ++i) {
             if (!generations.containsKey(ownName(number, i))) {
-                remove(ownName(number, i));
+                unmake(ownName(number, i), true);
             }
         }
     }
 
     public static void main(String[] arguments) throws IOException {
         Contender contender = new Contender(arguments);
-        while (contender.operations < Long.parseLong(arguments[4])) {
+        while (!contender.isDone()) {
             contender.step();
         }
+    }
+
+    private boolean isDone() {
+        return operations >= mostOperations;
     }
 
     private void step() throws IOException {
@@ -76,7 +81,7 @@ public final class Contender {
         if (!generations.containsKey(name)) {
             make(name);
         } else if (random.nextInt(4) == 0) {
-            unmake(name);
+            unmake(name, false);
         } else {
             use(name);
         }
@@ -118,13 +123,15 @@ public final class Contender {
         }
     }
 
-    private void unmake(String name) throws IOException {
+    /** Tries until the outcome is known: what was perhaps removed is not made again. */
+    private void unmake(String name, boolean mayBeAbsent) {
         generations.remove(name);
-        int status = RepositoryHandler.NOT_LOCKED;
-        for (int i = 0; i < MOST_ATTEMPTS && isUnknown(status); ++i) {
+        int status;
+        do {
             status = remove(name);
-        }
-        if (status != RepositoryHandler.FOUND) {
+        } while (isUnknown(status) && !isDone());
+        boolean isGone = status == RepositoryHandler.FOUND || mayBeAbsent && status == RepositoryHandler.NOT_FOUND;
+        if (!isGone && !isUnknown(status)) {
             complain(name, "was not removed: " + status);
         }
     }

@@ -33,16 +33,20 @@ struct Board {
   // killed process: the lock of which nobody knows whether it is its own.
   std::atomic<unsigned int> busy[kMostContenders];
 
-  std::atomic<unsigned long> taken;      // locks taken
-  std::atomic<unsigned long> takenOver;  // of those, from a process that had gone
-  std::atomic<unsigned long> overlaps;   // of those, while a living process held it
-  std::atomic<unsigned long> lost;       // locks released whose file had gone, or that another held
-  std::atomic<unsigned int> example;     // 1 + the index of the last lock that overlapped or was lost
+  std::atomic<unsigned long> takenBy[kMostContenders];  // locks taken, by the number of a process
+  std::atomic<unsigned long> taken;                     // locks taken
+  std::atomic<unsigned long> takenOver;                 // of those, from a process that had gone
+  std::atomic<unsigned long> overlaps;                  // of those, while a living process held it
+  std::atomic<unsigned long> lost;                      // locks released whose file had gone, or that another held
+  std::atomic<unsigned int> example;                    // 1 + the index of the last lock that overlapped or was lost
 
   std::atomic<unsigned long> moves;  // resources that a pass began to move
 
   std::atomic<unsigned int> drained;  // number of the mount that is at its moveLimit now
   std::atomic<bool> ended;            // the balancer ends
+
+  // A lock is waited for until the pauses add up to 30 seconds; each is shorter here by that.
+  std::atomic<long> pauseDivisor;
 
   // What is to go wrong, to see that it is noticed: every so many times, 0: never.
   std::atomic<unsigned int> breakExclusive;  // a lock is taken though its file is there

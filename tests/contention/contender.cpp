@@ -18,7 +18,8 @@
 // OPERATION is create, find, remove, settimes or gettimes; RESULT the status, or -1 when the resource was not locked;
 // of a creation 99 when the directory is not there afterwards: the caller cannot tell then whether it ever was. Each
 // worker has names of its own, which it alone makes, with content, and removes; others are everybody's. A HISTORY that
-// is there already is of a worker that was killed: its own names that are not known to be there are removed first.
+// is there already is of a worker that was killed, or had done its operations: its own names that are not known to be
+// there are removed first.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -47,7 +48,6 @@ constexpr unsigned int kSharedNames = 24;
 constexpr time_t kLongAgo = 1000000000;
 constexpr int kNotLocked = -1;
 constexpr int kNotThere = 99;
-constexpr unsigned int kMostAttempts = 20;  // for a lock; others hold it for a moment only
 
 long long now() {
   timespec time;
@@ -63,8 +63,8 @@ struct Place {
 class Contender {
  public:
   Contender(const char* repositoryPath, const char* historyFile, unsigned int worker, unsigned int workers,
-            unsigned int seed)
-      : repository(repositoryPath), number(worker), count(workers), random(seed) {
+            unsigned int most, unsigned int seed)
+      : repository(repositoryPath), number(worker), count(workers), mostOperations(most), random(seed) {
     std::ifstream before(historyFile);
     const bool wasKilled = before.good();
     if (wasKilled) recall(before);
@@ -72,13 +72,13 @@ class Contender {
     if (history < 0) exit(3);
     if (wasKilled)
       for (unsigned int i = 0; i < kOwnNames; ++i)
-        if (!generations.contains(ownName(number, i))) remove(ownName(number, i));
+        if (!generations.contains(ownName(number, i))) unmake(ownName(number, i), true);
   }
   ~Contender() { close(history); }
   Contender(const Contender&) = delete;
   Contender& operator=(const Contender&) = delete;
 
-  unsigned long made() const { return operations; }
+  bool isDone() const { return operations >= mostOperations; }
 
   void step() {
     if (drawBelow(10) < 4)
@@ -169,12 +169,18 @@ class Contender {
     letGo(name);
   }
 
-  void unmake(const std::string& name) {
+  // Tries until the outcome is known: what was perhaps removed is not made again.
+  void unmake(const std::string& name, bool mayBeAbsent = false) {
     generations.erase(name);
-    int status = 16;
-    for (unsigned int i = 0; i < kMostAttempts && (status == 16 || status == 1); ++i) status = remove(name);
-    if (status != 0) complain(name, "was not removed: " + std::to_string(status));
+    int status = 0;
+    do {
+      status = remove(name);
+    } while (isUnknown(status) && !isDone());
+    if (status != 0 && !isUnknown(status) && !(mayBeAbsent && status == 4))
+      complain(name, "was not removed: " + std::to_string(status));
   }
+
+  static bool isUnknown(int removal) { return removal == 16 || removal == 1; }
 
   void use(const std::string& name) {
     const Place place = find(name);
@@ -219,6 +225,7 @@ class Contender {
   const char* repository;
   unsigned int number;
   unsigned int count;
+  unsigned int mostOperations;
   std::mt19937 random;
   int history = -1;
   unsigned long operations = 0;
@@ -254,7 +261,7 @@ int main(int argc, char** argv) {
   if (argc == 4 && std::string(argv[1]) == "create") return createOnce(argv[2], argv[3]);
   if (argc == 4 && std::string(argv[1]) == "free") return freeMount_(argv[2], argv[3]);
   if (argc != 7) return 2;
-  Contender contender(argv[1], argv[2], number(argv[3]), number(argv[4]), number(argv[6]));
-  while (contender.made() < number(argv[5])) contender.step();
+  Contender contender(argv[1], argv[2], number(argv[3]), number(argv[4]), number(argv[5]), number(argv[6]));
+  while (!contender.isDone()) contender.step();
   return 0;
 }

@@ -47,6 +47,9 @@ constexpr unsigned int kMountwarden = kWorkers + 1;
 constexpr unsigned int kProcesses = kWorkers + 2;
 constexpr unsigned int kMounts = 3;
 
+constexpr long kPauseDivisor = 100;          // a lock is waited for 0.3 seconds
+constexpr long kPauseDivisorBroken = 10000;  // some are never given back
+
 bool isLong() {
   const char* value = getenv("KT_LONG");
   return value && std::string(value) == "1";
@@ -85,6 +88,7 @@ class Contention {
         boardVariable(kBoardVariable, *files / "board"),
         board(mapBoard((*files / "board").c_str(), true)) {
     if (!board) throw std::runtime_error("no board at " + *files / "board");
+    board->pauseDivisor = kPauseDivisor;
   }
   ~Contention() {
     for (Process& process : processes) stop(process);
@@ -95,7 +99,10 @@ class Contention {
 
   // What goes wrong on purpose: every so many times a lock is taken that is held, or not given back.
   void breakExclusiveCreation(unsigned int every) { board->breakExclusive = every; }
-  void dropUnlock(unsigned int every) { board->dropUnlock = every; }
+  void dropUnlock(unsigned int every) {
+    board->dropUnlock = every;
+    board->pauseDivisor = kPauseDivisorBroken;
+  }
 
   // Lets the workers make that many operations together, kills processes meanwhile, and looks what came of it.
   void run(unsigned int operations, unsigned int killCount = 0);
@@ -119,7 +126,7 @@ class Contention {
   std::vector<std::string> commandOf(unsigned int number) const;
   void start(unsigned int number);
   [[noreturn]] void become(unsigned int number) const;
-  static void stop(Process& process);
+  static int stop(Process& process);
   void watch();
   void noteEnd(unsigned int number, int status);
   bool areWorkersDone() const;
@@ -129,6 +136,7 @@ class Contention {
   bool isBusy(const LockOnBoard& lock) const;
 
   void judge();
+  void judgeMeasurement();
   void judgeLocks();
   void judgeCopies(const std::string& name, const std::set<bool>& ends);
   void judgeLookUp(const std::string& name, const std::set<bool>& ends);
@@ -144,6 +152,7 @@ class Contention {
   std::mt19937 random;
   unsigned int operationsOfWorker = 0;
   unsigned int kills = 0;
+  unsigned int killsLeft = 0;     // until they are made, workers that have done their operations begin again
   unsigned int locksRemoved = 0;  // of killed processes, by this test
   long long began = now();
 };
@@ -190,21 +199,24 @@ void Contention::become(unsigned int number) const {
   _exit(123);
 }
 
-void Contention::stop(Process& process) {
-  if (process.id <= 0) return;
+// The wait status: the process may have ended by itself.
+int Contention::stop(Process& process) {
+  int status = 0;
+  if (process.id <= 0) return status;
   kill(-process.id, SIGKILL);
-  waitpid(process.id, nullptr, 0);
+  waitpid(process.id, &status, 0);
   process.id = 0;
+  return status;
 }
 
 void Contention::run(unsigned int operations, unsigned int killCount) {
   operationsOfWorker = (operations + kWorkers - 1) / kWorkers;
+  killsLeft = killCount;
   for (unsigned int number = 0; number < kProcesses; ++number) start(number);
-  const unsigned int most = killCount;
   while (!areWorkersDone()) {
     usleep(5000);
     watch();
-    if (kills < most && random() % 10 == 0) killOne();
+    if (killsLeft > 0 && random() % 10 == 0) killOne();
   }
   board->ended = true;
   while (processes[kBalancer].id > 0 || processes[kMountwarden].id > 0) {
@@ -230,10 +242,11 @@ void Contention::watch() {
 }
 
 void Contention::noteEnd(unsigned int number, int status) {
-  processes[number].isDone = true;
+  const bool isWanted = !board->ended && (number == kMountwarden || killsLeft > 0);
+  processes[number].isDone = status != 0 || !isWanted;
   if (status != 0)
     violations.push_back("process " + std::to_string(number) + " ended with status " + std::to_string(status));
-  else if (number == kMountwarden && !board->ended)
+  else if (isWanted)
     start(number);
 }
 
@@ -242,8 +255,10 @@ void Contention::killOne() {
   Process& process = processes[number];
   if (process.id <= 0) return;
   const pid_t dead = process.id;
-  stop(process);
+  const int status = stop(process);
+  if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGKILL) return noteEnd(number, status);
   ++kills;
+  --killsLeft;
   histories.noteKill(historyOf(number), now());
   giveUpLocksOf(number, dead);
   start(number);
@@ -284,7 +299,9 @@ bool Contention::isBusy(const LockOnBoard& lock) const {
 
 void Contention::judge() {
   for (unsigned int number = 0; number < kWorkers; ++number) histories.read(historyOf(number));
+  for (const std::string& result : histories.undescribed) violations.push_back(result);
   for (const std::string& complaint : histories.complaints) complain(complaint);
+  judgeMeasurement();
   judgeLocks();
   const EnvironmentVariable safe("KT_SAFE", isSafe(kMountwarden) ? "1" : "0");
   checkOverload_(repository.id(), false);  // removes what killed processes left out of sight
@@ -294,6 +311,15 @@ void Contention::judge() {
     judgeCopies(name, ends);
     judgeLookUp(name, ends);
   }
+}
+
+// What was not there to be measured held by chance.
+void Contention::judgeMeasurement() {
+  for (unsigned int number = 0; number < kProcesses; ++number)
+    if (board->takenBy[number] == 0)
+      violations.push_back("process " + std::to_string(number) + " was not seen to take a lock");
+  if (board->moves == 0) violations.emplace_back("no resource was seen to be moved");
+  if (killsLeft > 0) violations.push_back(std::to_string(killsLeft) + " kills were not made");
 }
 
 void Contention::judgeLocks() {

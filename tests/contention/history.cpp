@@ -135,7 +135,7 @@ void Histories::read(const std::string& file) {
       long long end = 0;
       int result = 0;
       words >> end >> result;
-      if (!isDescribed(what, result)) complaints.push_back(what + " " + name + " gave " + std::to_string(result));
+      if (!isDescribed(what, result)) undescribed.push_back(what + " " + name + " gave " + std::to_string(result));
       const Operation operation = operationOf(what, begin, end, result);
       if (operation.effect != Operation::kNone && !operation.isCertain) ++unknown;
       operations[name].push_back(operation);

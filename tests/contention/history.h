@@ -35,7 +35,8 @@ class Histories {
 
   std::map<std::string, std::vector<Operation>> operations;  // by name of resource
   std::map<std::string, unsigned int> generations;           // of what must be there, complete
-  std::vector<std::string> complaints;
+  std::vector<std::string> complaints;                       // of the workers
+  std::vector<std::string> undescribed;                      // results
   unsigned long made = 0;
   unsigned long unknown = 0;  // of those, the ones of which nobody knows whether they took effect
 

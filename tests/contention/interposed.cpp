@@ -4,9 +4,11 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -15,19 +17,19 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <iterator>
+#include <string>
 
 #include "board.h"
 
 namespace {
-
-// A lock is waited for until the pauses add up to 30 seconds: 0.3 seconds of them here.
-constexpr long kPauseDivisor = 100;
 
 // Bringing a file system to the disk takes its time, which memory would hide: others work meanwhile.
 constexpr useconds_t kFlushMicroseconds = 10000;
 
 Board* board = nullptr;
 std::atomic<unsigned int>* busy = nullptr;
+std::atomic<unsigned long>* takenHere = nullptr;
 
 __attribute__((constructor)) void begin() {
   unsetenv("LD_PRELOAD");
@@ -36,7 +38,9 @@ __attribute__((constructor)) void begin() {
   if (!file || !number) return;
   board = mapBoard(file, false);
   if (!board) _exit(120);
-  busy = &board->busy[strtoul(number, nullptr, 10) % kMostContenders];
+  const unsigned long own = strtoul(number, nullptr, 10) % kMostContenders;
+  busy = &board->busy[own];
+  takenHere = &board->takenBy[own];
 }
 
 template <typename Function>
@@ -74,6 +78,7 @@ bool isEvery(unsigned int times) {
 void noteTaken(LockOnBoard& lock) {
   const pid_t before = lock.holder.exchange(getpid());
   ++board->taken;
+  ++*takenHere;
   if (before == 0) return;
   if (before != getpid() && kill(before, 0) != 0 && errno == ESRCH) {
     ++board->takenOver;
@@ -136,6 +141,15 @@ int openAs(const char* name, const char* path, int flags, mode_t mode) {
   return descriptor;
 }
 
+// Whether the lock file is still the one that is open there: its holder may have released it, and gone, meanwhile.
+bool isStillAt(const LockOnBoard& lock, int descriptor) {
+  const std::string path(std::begin(lock.path), std::find(std::begin(lock.path), std::end(lock.path), '\0'));
+  struct stat opened;
+  struct stat named;
+  return fstat(descriptor, &opened) == 0 && stat(path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
+         opened.st_ino == named.st_ino;
+}
+
 // A name written into the lock file of another is how a lock is taken over.
 template <typename Offset>
 ssize_t writeAs(const char* name, int descriptor, const void* data, size_t size, Offset offset) {
@@ -143,7 +157,7 @@ ssize_t writeAs(const char* name, int descriptor, const void* data, size_t size,
   const ssize_t result = function(descriptor, data, size, offset);
   if (board && examinedLock && descriptor == examined && result > 0 && examinedLock->holder != getpid()) {
     const int failure = errno;
-    noteTaken(*examinedLock);
+    if (isStillAt(*examinedLock, descriptor)) noteTaken(*examinedLock);
     errno = failure;
   }
   return result;
@@ -211,7 +225,7 @@ int statvfs64(const char* path, struct statvfs64* space) noexcept { return measu
 int nanosleep(const timespec* pause, timespec* left) {
   static const auto function = real<int (*)(const timespec*, timespec*)>("nanosleep");
   if (!board) return function(pause, left);
-  const timespec shorter = {pause->tv_sec / kPauseDivisor, pause->tv_nsec / kPauseDivisor};
+  const timespec shorter = {pause->tv_sec / board->pauseDivisor, pause->tv_nsec / board->pauseDivisor};
   return function(&shorter, left);
 }
 
