@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sched.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -125,7 +124,7 @@ class Contention {
 
   std::vector<std::string> commandOf(unsigned int number) const;
   void start(unsigned int number);
-  [[noreturn]] void become(unsigned int number) const;
+  [[noreturn]] void become(unsigned int number, pid_t parent) const;
   static int stop(Process& process);
   void watch();
   void noteEnd(unsigned int number, int status);
@@ -175,15 +174,16 @@ std::vector<std::string> Contention::commandOf(unsigned int number) const {
 void Contention::start(unsigned int number) {
   Process& process = processes[number];
   ++process.starts;
+  const pid_t self = getpid();
   process.id = fork();
   if (process.id < 0) throw std::runtime_error("no further process");
-  if (process.id == 0) become(number);
+  if (process.id == 0) become(number, self);
   setpgid(process.id, process.id);  // killed with the commands that it started, as by a power cut
 }
 
-void Contention::become(unsigned int number) const {
+void Contention::become(unsigned int number, pid_t parent) const {
   setpgid(0, 0);
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  endWithParent(parent);
   enterClientOf(number);
   setenv(kNumberVariable, std::to_string(number).c_str(), 1);
   setenv("KT_SAFE", isSafe(number) ? "1" : "0", 1);

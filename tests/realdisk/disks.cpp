@@ -29,15 +29,18 @@ struct Making {
   const char* name;
   int mebibytes;  // the least that the kind's mkfs takes, or what keeps its own needs small beside the contents
   std::vector<const char*> mkfs;
+  // Of the mount: what is changed stays in memory for long, so that few tests see the system write by itself. Of xfs
+  // that is half a minute whatever one says.
+  const char* options;
 };
 
 const Making& makingOf(DiskKind kind) {
   static const Making kinds[] = {
-      {"tmpfs", 16, {}},
-      {"ext4", 32, {"mkfs.ext4", "-q", "-F", "-m", "0"}},
-      {"xfs", 300, {"mkfs.xfs", "-q", "-f"}},
+      {"tmpfs", 16, {}, ""},
+      {"ext4", 32, {"mkfs.ext4", "-q", "-F", "-m", "0"}, "commit=300"},
+      {"xfs", 300, {"mkfs.xfs", "-q", "-f"}, ""},
       // Data and metadata share their room, so that such a small disk can be filled evenly.
-      {"btrfs", 128, {"mkfs.btrfs", "-q", "-f", "--mixed"}},
+      {"btrfs", 128, {"mkfs.btrfs", "-q", "-f", "--mixed"}, "commit=300"},
   };
   return kinds[static_cast<size_t>(kind)];
 }
@@ -230,7 +233,8 @@ void RealDisks::mountImage(const std::string& path, const std::string& directory
       if (errno == EBUSY) continue;  // another process was faster
       refused("attach an image to " + device);
     }
-    return mountOrRefuse(device, directory, nameOf(kind), 0, "");  // the mount holds the device from here on
+    const Making& making = makingOf(kind);
+    return mountOrRefuse(device, directory, making.name, 0, making.options);  // the mount holds the device from here on
   }
 }
 

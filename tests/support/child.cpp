@@ -1,6 +1,7 @@
 #include "support/child.h"
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,6 +23,11 @@ void receive(int descriptor) {
 
 }  // namespace
 
+void endWithParent(pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(1);  // it ended before it could be asked
+}
+
 void Child::Parent::tell() const { send(out); }
 void Child::Parent::await() const { receive(in); }
 
@@ -30,9 +36,11 @@ Child::Child(const std::function<void(const Parent&)>& body) {
   int up[2];
   if (pipe(down) != 0 || pipe(up) != 0) throw std::runtime_error("no pipes");
   fflush(nullptr);
+  const pid_t self = getpid();
   process = fork();
   if (process < 0) throw std::runtime_error("no second process");
   if (process == 0) {
+    endWithParent(self);
     close(down[1]);
     close(up[0]);
     Parent parent;

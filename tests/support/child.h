@@ -7,6 +7,10 @@
 
 #include <functional>
 
+// For a process that was just forked by `parent`: it is killed when that one ends, however that happens (its thread, if
+// there are several, is what counts). What it becomes by exec keeps this; what it forks does not.
+void endWithParent(pid_t parent);
+
 class Child {
  public:
   // What the child sees of its parent.
@@ -21,8 +25,8 @@ class Child {
     int out = -1;
   };
 
-  // Forks. The child runs `body` and leaves by _exit, without destructors and exit handlers: with 0 when `body` came
-  // to its end and no expectation in it failed, with 1 otherwise.
+  // Forks. The child ends with its parent; it runs `body` and leaves by _exit, without destructors and exit handlers:
+  // with 0 when `body` came to its end and no expectation in it failed, with 1 otherwise.
   explicit Child(const std::function<void(const Parent&)>& body);
   ~Child();  // kills it when it was not joined
   Child(const Child&) = delete;

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "support/child.h"
+
 namespace {
 
 constexpr useconds_t kMicrosecondsBetween = 10000;
@@ -18,9 +20,13 @@ constexpr useconds_t kMicrosecondsBetween = 10000;
 
 FailingImage::FailingImage(const std::string& image) : server(-1) {
   makeDirectories(mountPoint());
+  const pid_t self = getpid();
   server = fork();
   if (server < 0) throw std::runtime_error("no process for nbdfuse");
-  if (server == 0) serve(image);
+  if (server == 0) {
+    endWithParent(self);
+    serve(image);
+  }
   while (!isThere(file())) {
     if (waitpid(server, nullptr, WNOHANG) == server)
       throw std::runtime_error("this machine cannot run nbdfuse over nbdkit; they say: " +

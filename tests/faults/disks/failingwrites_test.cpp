@@ -1,6 +1,7 @@
 // The destination's disk begins to fail its writes in the middle of a balancing pass. The page cache takes what is
 // written and gives it back, so that copying and comparing succeed; only bringing it to the disk fails, seconds later
-// or when somebody asks for it.
+// or when somebody asks for it. Anybody may ask: then the file system turns read-only, and what is still to be moved
+// stays. So what the default mode loses is looked for among several attempts, and no one of them must lose it.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -14,11 +15,11 @@
 #include "entrypoints.h"
 #include "faults/disks/drainedrepository.h"
 #include "faults/disks/failingimage.h"
+#include "support/child.h"
 
 namespace fs = std::filesystem;
 
 using testing::Gt;
-using testing::IsEmpty;
 
 namespace {
 
@@ -44,6 +45,13 @@ class FailingRepository {
   DrainedRepository drained;
 };
 
+// Whether a process was started with that in its arguments.
+bool isNamedByAProcess(const std::string& text) {
+  for (const auto& entry : fs::directory_iterator("/proc"))
+    if (readFile(entry.path() / "cmdline").find(text) != std::string::npos) return true;
+  return false;
+}
+
 class FailingWritesTest : public testing::TestWithParam<DiskKind> {
  protected:
   // Lets writes fail from each of 20 points of a fresh repository's pass on, the first and the last among them.
@@ -64,11 +72,14 @@ INSTANTIATE_TEST_SUITE_P(On, FailingWritesTest, testing::Values(DiskKind::ext4, 
                          [](const auto& test) { return nameOf(test.param); });
 
 TEST_P(FailingWritesTest, ByDefaultAPassLosesEveryResourceThatItMovesAndLogsNoError) {
-  failEverywhere([](FailingRepository& repository) {
-    EXPECT_THAT(repository.drained.log->texts(LOG_ERR), IsEmpty());
+  unsigned int silentLosses = 0;
+  failEverywhere([&](FailingRepository& repository) {
+    const bool isSilent = repository.drained.log->texts(LOG_ERR).empty();
     repository.replaceDisk();
-    EXPECT_EQ(repository.drained.lost(), kResources);
+    if (isSilent && repository.drained.lost() == kResources) ++silentLosses;
   });
+  EXPECT_THAT(silentLosses, Gt(0U));
+  RecordProperty("silentLosses", static_cast<int>(silentLosses));
 }
 
 TEST_P(FailingWritesTest, InTheSafeModeAPassLosesNoResourceAndLookUpsFindThemAll) {
@@ -82,11 +93,15 @@ TEST_P(FailingWritesTest, InTheSafeModeAPassLosesNoResourceAndLookUpsFindThemAll
 }
 
 TEST_P(FailingWritesTest, ByDefaultFreeMountAnswersSuccessWithEveryResourceLost) {
-  FailingRepository repository(GetParam());
-  repository.image->failWrites(true);
-  EXPECT_EQ(freeMount_(repository.drained.id(), "d1"), 0);
-  repository.replaceDisk();
-  EXPECT_EQ(repository.drained.lost(), kResources);
+  bool isSeen = false;
+  for (unsigned int i = 0; i < kFailures && !isSeen; ++i) {
+    FailingRepository repository(GetParam());
+    repository.image->failWrites(true);
+    const bool isSuccess = freeMount_(repository.drained.id(), "d1") == 0;
+    repository.replaceDisk();
+    isSeen = isSuccess && repository.drained.lost() == kResources;
+  }
+  EXPECT_TRUE(isSeen);
 }
 
 TEST_P(FailingWritesTest, InTheSafeModeFreeMountAnswersThatResourcesAreLeftAndTheyAreWhole) {
@@ -95,6 +110,21 @@ TEST_P(FailingWritesTest, InTheSafeModeFreeMountAnswersThatResourcesAreLeftAndTh
   repository.image->failWrites(true);
   EXPECT_EQ(freeMount_(repository.drained.id(), "d1"), 3);
   for (unsigned int i = 0; i < kResources; ++i) EXPECT_TRUE(repository.drained.isWholeAtOrigin(i)) << i;
+}
+
+TEST(FailingImageTest, GoesWithATestThatIsKilled) {
+  const ScratchDirectory scratch;
+  const EnvironmentVariable below("TMPDIR", scratch.path());
+  Child test([](const Child::Parent& parent) {
+    const FailingRepository repository(DiskKind::ext4);
+    parent.tell();
+    parent.await();  // until it is killed
+  });
+  test.await();
+  EXPECT_TRUE(isNamedByAProcess(scratch.path()));
+  test.kill();
+  test.join();
+  while (isNamedByAProcess(scratch.path())) usleep(1000);  // a moment; for ever where a server stays
 }
 
 // The kernel gives an error of writing back to everyone who had opened the disk before it, and else to the first who

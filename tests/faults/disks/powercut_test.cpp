@@ -1,7 +1,7 @@
 // The power fails in the middle of a balancing pass, in the worst order that the file system allows: what was not
 // brought to the disk is not on it. A pass of three moves is cut at 20 points from its first to its last call; then the
-// disks come back, and each resource is looked at, contents and all. Contents stay in memory for seconds before a file
-// system writes them by itself; a pass takes less than one.
+// disks come back, and each resource is looked at, contents and all. Contents stay in memory until a file system writes
+// them by itself: mostly longer than a pass takes, and no test counts on it.
 
 #include <gmock/gmock.h>
 
