@@ -39,8 +39,8 @@ namespace {
 
 enum class Mode { kDefault, kSafe, kMixed };
 
-constexpr unsigned int kMachines = 2;
-constexpr unsigned int kWorkers = 4 + kMachines;
+constexpr unsigned int kMachines = KT_MACHINES;  // none without the Java binding: those workers are native then
+constexpr unsigned int kWorkers = 6;
 constexpr unsigned int kBalancer = kWorkers;
 constexpr unsigned int kMountwarden = kWorkers + 1;
 constexpr unsigned int kProcesses = kWorkers + 2;
@@ -48,6 +48,8 @@ constexpr unsigned int kMounts = 3;
 
 constexpr long kPauseDivisor = 100;          // a lock is waited for 0.3 seconds
 constexpr long kPauseDivisorBroken = 10000;  // some are never given back
+
+bool isMachine(unsigned int number) { return number + 1 <= kMachines; }
 
 bool isLong() {
   const char* value = getenv("KT_LONG");
@@ -168,7 +170,7 @@ std::vector<std::string> Contention::commandOf(unsigned int number) const {
   if (number == kMountwarden) return {KT_MOUNTWARDEN_FILE, repository.path()};
   if (number == kBalancer) return {KT_CONTENDER_FILE, "balance", repository.path()};
   std::vector<std::string> command = {KT_CONTENDER_FILE};
-  if (number < kMachines)
+  if (isMachine(number))
     command = {KT_JAVA_RUNTIME, "-XX:+UseSerialGC",    "-Xmx64m",  "-Djava.library.path=" KT_LIBRARY_DIRECTORY,
                "-cp",           KT_CONTENDER_ARCHIVES, "Contender"};
   const unsigned int seed = number * 1000 + processes[number].starts;
@@ -197,7 +199,7 @@ void Contention::become(unsigned int number, pid_t parent) const {
   setenv("KT_SAFE", isSafe(number) ? "1" : "0", 1);
   setenv("LD_PRELOAD", KT_CONTENTION_PRELOAD, 1);
   static char machine[] = KT_MACHINE_ENVIRONMENT;  // empty but where a sanitizer has to leave it alone
-  if (number < kMachines && machine[0] != '\0') putenv(machine);
+  if (isMachine(number) && machine[0] != '\0') putenv(machine);
   if (number == kMountwarden) dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
   const std::vector<std::string> command = commandOf(number);
   std::vector<char*> arguments;
