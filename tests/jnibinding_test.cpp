@@ -16,6 +16,7 @@
 #include "fakes/javamachine.h"
 #include "registry.h"
 #include "support/fixture.h"
+#include "support/hostileids.h"
 #include "support/results.h"
 
 namespace {
@@ -327,6 +328,45 @@ TEST_F(JniBindingTest, GetLocationAnswersThePathAndWritesTheStatusBeforeItReleas
   EXPECT_THAT(machine.calls(), ElementsAre(converted(), "GetStringUTFChars 2009", "NewStringUTF " + at(1, k2009),
                                            "GetObjectClass corvanta/util/RepositoryHandler", "GetFieldID status I",
                                            "SetIntField 0", "ReleaseStringUTFChars 2009", released()));
+}
+
+// What the entry answers, as the machine shows it; "null" as well for what it throws.
+std::string answerOf(const std::function<Text()>& entry) {
+  try {
+    return entry().value_or("null");
+  } catch (const KTException&) {
+    return "null";
+  }
+}
+
+// Where the native that took other bytes would leave, or find, something else.
+TEST_F(JniBindingTest, EveryByteOfAnIdGoesThroughToTheEntryAndComesBack) {
+  const char* repositoryId = repository.id();
+  for (const auto& [name, text] : kHostileIds) {
+    SCOPED_TRACE(name);
+    const char* id = text.c_str();
+    const jstring resource = machine.string(text);
+    int status = kUntouched;
+    const std::string place = answerOf([&] { return taken(createLocation_(repositoryId, id, &status, false)); });
+    EXPECT_EQ(machine.shown(machine.call(createLocationNative, root(), resource, JNI_FALSE)), place);
+    EXPECT_EQ(machine.shown(machine.call(createDirectoryNative, root(), resource, JNI_FALSE)), place);
+    const std::string found = answerOf([&] { return taken(getLocation_(repositoryId, id, &status)); });
+    EXPECT_EQ(machine.shown(machine.call(getLocationNative, root(), resource)), found);
+    EXPECT_EQ(machine.call(checkResourceStatusNative, root(), resource), checkResourceStatus_(repositoryId, id));
+    utimbuf times = {};
+    machine.call(setTimePropertiesNative, root(), resource, machine.ints({1234567, 7654321}));
+    const bool hasTimes = getTimeProperties_(repositoryId, id, &times) == 1;
+    EXPECT_EQ(hasTimes, times.actime == 1234567 && times.modtime == 7654321);
+    long count = 0;
+    char** listed = listDirs_(repositoryId, &count, true);
+    const std::vector<std::string> names = taken(listed, count);
+    EXPECT_EQ(machine.shown(machine.call(listDirsNative, root(), JNI_TRUE)),
+              names.empty() ? "[]" : "[" + names.front() + "]");
+    const bool wasThere = checkResourceStatus_(repositoryId, id) == 0;
+    const jint removed = machine.call(removeResourceNative, root(), resource);
+    EXPECT_EQ(removed == 0, wasThere && !names.empty());
+    EXPECT_THAT(machine.calls(), Contains("GetStringUTFChars " + text));
+  }
 }
 
 TEST_F(JniBindingTest, GetLocationOfAResourceThatIsNowhereMakesNoStringAndWritesTheCode) {
