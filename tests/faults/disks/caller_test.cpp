@@ -78,13 +78,18 @@ INSTANTIATE_TEST_SUITE_P(In, CallerTest, testing::Values(Mode::byDefault, Mode::
 
 // ---- SIGCHLD: the kernel takes the status of a command away, and every command counts as failed.
 
-TEST(IgnoredSigchldTest, ByDefaultAPassCopiesWhatItMovesAndLeavesBothCopies) {
-  CallerRepository repository;
+// Runs `body` in a process that ignores it.
+void whileSigchldIsIgnored(const std::function<void()>& body) {
   EXPECT_EQ(statusOf([&] {
               signal(SIGCHLD, SIG_IGN);
-              checkOverload_(repository.id(), false);
+              body();
             }),
             0);
+}
+
+TEST(IgnoredSigchldTest, ByDefaultAPassCopiesWhatItMovesAndLeavesBothCopies) {
+  CallerRepository repository;
+  whileSigchldIsIgnored([&] { checkOverload_(repository.id(), false); });
   EXPECT_EQ(repository.wholeAtBoth(), kResources);
   EXPECT_EQ(repository.lost(), 0U);
   EXPECT_THAT(repository.repository.locksLeft(), IsEmpty());
@@ -93,14 +98,43 @@ TEST(IgnoredSigchldTest, ByDefaultAPassCopiesWhatItMovesAndLeavesBothCopies) {
 TEST(IgnoredSigchldTest, InTheSafeModeAPassMovesNothingAndLeavesNoCopy) {
   const EnvironmentVariable safe("KT_SAFE", "1");
   CallerRepository repository;
-  EXPECT_EQ(statusOf([&] {
-              signal(SIGCHLD, SIG_IGN);
-              checkOverload_(repository.id(), false);
-            }),
-            0);
+  whileSigchldIsIgnored([&] { checkOverload_(repository.id(), false); });
   EXPECT_EQ(repository.wholeAtOrigin(), kResources);
   EXPECT_EQ(repository.wholeAtBoth(), 0U);
   EXPECT_THAT(repository.repository.locksLeft(), IsEmpty());
+}
+
+TEST_P(CallerTest, WhoIgnoresSigchldAndFreesAMountLosesNothingAndIsNotToldThatItIsEmpty) {
+  CallerRepository repository;
+  whileSigchldIsIgnored([&] { EXPECT_EQ(freeMount_(repository.id(), "d1"), 3); });
+  EXPECT_EQ(repository.wholeAtOrigin(), kResources);
+  EXPECT_EQ(repository.wholeAtBoth(), isSafe() ? 0U : kResources);
+  EXPECT_THAT(repository.repository.locksLeft(), IsEmpty());
+}
+
+TEST_P(CallerTest, WhoIgnoresSigchldAndLooksUpADirtyResourceLosesNeitherCopy) {
+  CallerRepository repository;
+  const std::string id = CallerRepository::idOf(0);
+  const std::string other = repository.repository.place(1, id, "other", 1000000001);
+  repository.setDirty(id);
+  whileSigchldIsIgnored([&] {
+    const Found found = repository.repository.find(id);
+    EXPECT_EQ(found.path, "");
+    EXPECT_EQ(found.status, 8);
+  });
+  EXPECT_TRUE(repository.isWholeAtOrigin(0));
+  EXPECT_EQ(readFile(other + "/content"), "other");
+  EXPECT_EQ(repository.repository.dirtySet(), id + "\n");
+  EXPECT_THAT(repository.repository.locksLeft(), IsEmpty());
+}
+
+TEST_P(CallerTest, WhoIgnoresSigchldCountsNothingAndTheNextOneTooUntilAResourceIsUsed) {
+  CallerRepository repository;
+  whileSigchldIsIgnored([&] { EXPECT_EQ(countSize(repository.origin().c_str(), false), 0); });
+  EXPECT_EQ(countSize(repository.origin().c_str(), false), 0);
+  for (unsigned int i = 0; i < kResources; ++i)
+    setTimes(repository.repository.resourcePath(0, CallerRepository::idOf(i)), time(nullptr));
+  EXPECT_GE(countSize(repository.origin().c_str(), false), 480) << "each has 160 kB";
 }
 
 // ---- RLIMIT_FSIZE: whoever writes past it gets SIGXFSZ, or EFBIG where the signal is ignored.
