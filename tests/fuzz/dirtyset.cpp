@@ -29,9 +29,13 @@ std::string written(const Set& set) {
   return content;
 }
 
-// The line that stands for an id: of the safe mode it is one line whatever the id.
+// The line that stands for an id: of the safe mode it is one line whatever the id, and slashes around it are no part of
+// it.
 std::string markOf(std::string id) {
-  if (isSafeMode()) std::replace(id.begin(), id.end(), '\n', '/');
+  if (!isSafeMode()) return id;
+  const size_t begin = id.find_first_not_of('/');
+  if (begin != std::string::npos) id = id.substr(begin, id.find_last_not_of('/') - begin + 1);
+  std::replace(id.begin(), id.end(), '\n', '/');
   return id;
 }
 
