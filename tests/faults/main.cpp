@@ -7,8 +7,9 @@
 // Exit status 0 when what breaks an invariant is what tests/faults/pinned.txt says: nothing else and nothing less. Its
 // lines are "SWEEP SCENARIO MODE CALL INVARIANT"; a call is PROGRAM:NAME and which of the small files it was for.
 
+#include <linux/magic.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <sys/vfs.h>
 
 #include <cerrno>
 #include <chrono>
@@ -73,10 +74,14 @@ Case caseOf(const std::string& text) {
           number(parts[6])};
 }
 
-// On a file system in memory, where there is one: the safe mode flushes at each move.
+// On a file system in memory: the safe mode flushes at each move, and which calls cp makes depends on the file system.
 std::string scratchBase() {
   const char* given = getenv("TMPDIR");
-  return given ? given : access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+  const std::string base = given ? given : "/dev/shm";
+  struct statfs system;
+  if (statfs(base.c_str(), &system) != 0 || system.f_type != TMPFS_MAGIC)
+    throw std::runtime_error(base + " is no file system in memory (tmpfs); name one with TMPDIR");
+  return base;
 }
 
 // The faults of one scenario, and what they broke.
@@ -200,12 +205,12 @@ int enumerate(const std::string& sweep, const std::string& scenario, const std::
 }  // namespace
 
 int main(int argc, char** argv) {
-  setenv("TMPDIR", scratchBase().c_str(), 1);
   setenv("LC_ALL", "C", 1);
   setenv("TZ", "UTC", 1);
   umask(022);
   constexpr std::string_view kReplay = "--replay=";
   try {
+    setenv("TMPDIR", scratchBase().c_str(), 1);
     const std::string first = argc > 1 ? argv[1] : "";
     if (first.rfind(kReplay, 0) == 0) return replay(first.substr(kReplay.size()));
     if (first == "--list") return list();
