@@ -93,6 +93,8 @@ class Enumeration {
     const Outcome undisturbed = judge({sweep, &scenario, safe, {}, 0});
     if (!undisturbed.broken.empty()) return false;
     points = undisturbed.points;
+    if (points == 0) printf("no call was watched\n");
+    if (points == 0) return false;
     for (unsigned int point = 1; point <= points; ++point) strikeAt(point);
     return matchesPinned();
   }
