@@ -1,6 +1,7 @@
 #include "faults/run.h"
 
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <fstream>
 #include <memory>
 #include <new>
+#include <sstream>
 
 #include "KTException.h"
 #include "entrypoints.h"
@@ -92,6 +94,19 @@ bool isCompleteAt(const std::string& path, const Resource& resource) {
   return !path.empty() && holds(contentsOf(path), resource.contents);
 }
 
+// What shows that somebody changed a file or a directory, or something below it.
+std::set<std::string> looksOf(const std::string& path) {
+  struct stat status = {};
+  lstat(path.c_str(), &status);
+  std::ostringstream look;
+  look << path << " " << status.st_mode << " " << status.st_uid << " " << status.st_gid << " " << status.st_mtim.tv_sec
+       << "." << status.st_mtim.tv_nsec << " " << (S_ISREG(status.st_mode) ? readFile(path) : "");
+  std::set<std::string> looks = {look.str()};
+  if (S_ISDIR(status.st_mode))
+    for (const auto& entry : fs::directory_iterator(path)) looks.merge(looksOf(entry.path()));
+  return looks;
+}
+
 std::vector<std::string> linesOf(const std::string& text) {
   std::vector<std::string> lines;
   size_t begin = 0;
@@ -119,12 +134,14 @@ class Run {
   }
 
  private:
-  void prepare() const {
+  void prepare() {
     fs::remove_all(ground.root);
     for (const std::string& directory : {ground.repository(), ground.locks(), ground.legacy()})
       makeDirectories(directory);
     writeFile(ground.outside() + "/file", "outside");
+    writeFile(ground.legacy() + "/neighbour/file", "legacy");
     scenario.setUp(ground);
+    surroundings = looksAround();
   }
 
   bool wasKilled() const { return which.fault.strike == Strike::kill && !outcome.struck.empty(); }
@@ -237,9 +254,21 @@ class Run {
                        [&](const auto& file) { return isSomewhere({file}); });
   }
 
+  // The working directory, and what else the legacy directory holds.
+  std::set<std::string> looksAround() const {
+    std::set<std::string> looks = looksOf(ground.outside());
+    for (const auto& entry : fs::directory_iterator(ground.legacy()))
+      if (!isResource(entry.path().filename())) looks.merge(looksOf(entry.path()));
+    return looks;
+  }
+
+  bool isResource(const std::string& id) const {
+    return std::any_of(scenario.resources.begin(), scenario.resources.end(),
+                       [&](const Resource& resource) { return resource.id == id; });
+  }
+
   void judgeOutside() {
-    const std::vector<std::string> wanted = {"file=outside"};
-    if (treeOf(ground.outside()) != wanted) broken("I3", "the working directory has changed");
+    if (looksAround() != surroundings) broken("I3", "the working directory or the legacy directory has changed");
     const auto entries = std::distance(fs::directory_iterator(ground.root), fs::directory_iterator());
     constexpr int kOwnDirectories = 4;
     if (entries != kOwnDirectories) broken("I3", "something stands beside the repository");
@@ -314,6 +343,7 @@ class Run {
   const Scenario& scenario;
   const Ground ground;
   const bool record;
+  std::set<std::string> surroundings;
   SharedReport report;
   Observed seen;
   Outcome outcome;
