@@ -127,7 +127,9 @@ class Run {
     if (!wasKilled()) judgeOperation();
     judgeState();
     if (which.sweep == Sweep::doubleKill && wasKilled()) killRecovery();
+    if (which.sweep == Sweep::takeover) operateAgain();
     recover();
+    if (which.sweep == Sweep::takeover) judgeLocks();
     judgeState();
     judgeLookUps();
     return outcome;
@@ -210,8 +212,11 @@ class Run {
     if (report->kept > 0) broken("I8", std::to_string(report->kept) + " blocks of memory are left");
     // A lock file whose removal is refused for ever stays, whoever tries, and one that is said to be gone is left.
     const bool mustStay = seen.removalRefused && (which.fault.strike == Strike::onwards || which.fault.error == ENOENT);
-    if (!mustStay)
-      for (const auto& entry : fs::directory_iterator(ground.locks())) broken("I4", entry.path().filename());
+    if (!mustStay) judgeLocks();
+  }
+
+  void judgeLocks() {
+    for (const auto& entry : fs::directory_iterator(ground.locks())) broken("I4", entry.path().filename());
   }
 
   static bool isHung(const Observed& process) {
@@ -314,6 +319,14 @@ class Run {
     const Observed recovery = supervise([&] { repair(); }, fault, {});
     outcome.secondPoints = recovery.struck.empty() ? 0 : recovery.points;
     judgeState();
+  }
+
+  // Whoever does the same again takes over what locks the killed process has left.
+  void operateAgain() const {
+    runAlone([&] {
+      enterWorld();
+      scenario.operate(ground);
+    });
   }
 
   void removeLocks() const {

@@ -21,7 +21,7 @@ enum class Sweep {
   errors,      // a call is refused
   reads,       // the same, calls that only read included
   kill,        // the process group is killed; its lock files are removed by hand
-  takeover,    // the same, but the next process must take the locks over
+  takeover,    // the same, but who comes next must take the locks over: none is left
   doubleKill,  // and so is the recovery
   memory,      // an allocation is refused
 };
