@@ -132,6 +132,7 @@ class Run {
     if (which.sweep == Sweep::takeover) judgeLocks();
     judgeState();
     judgeLookUps();
+    if (which.safe) judgeLeftovers();
     return outcome;
   }
 
@@ -349,6 +350,21 @@ class Run {
       const Resource& resource = scenario.resources[i];
       if (resource.mayGo || isCompleteAt(report->found[i], resource)) continue;
       broken("I2", resource.id + " is looked up at " + (*report->found[i] ? report->found[i] : "no place"));
+    }
+  }
+
+  // Of the safe mode's moves nothing is left out of sight, and what they moved stands at one place.
+  void judgeLeftovers() {
+    for (int mount = 0; mount < kMounts; ++mount) {
+      const std::string outOfSight = ground.mount(mount) + "/lost+found/kt-moves";
+      if (fs::exists(outOfSight) && !fs::is_empty(outOfSight)) broken("leftover", "something is in " + outOfSight);
+    }
+    for (const std::string& directory : {ground.repository(), ground.legacy()})
+      for (const auto& entry : fs::recursive_directory_iterator(directory))
+        if (entry.path().filename().string().rfind(".kt-move", 0) == 0) broken("leftover", entry.path());
+    for (const Resource& resource : scenario.resources) {
+      const auto places = placesOf(resource);
+      if (std::count_if(places.begin(), places.end(), isThere) > 1) broken("copies", resource.id + " is there twice");
     }
   }
 

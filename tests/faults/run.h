@@ -6,6 +6,8 @@
 //   I3 nothing changes outside                 I8 no memory, descriptor or child is left
 //   I4 no lock file is left                    I9 it ends
 //
+// In the safe mode, after the recovery: nothing is left of a move ("leftover"), no resource is there twice ("copies").
+//
 // I5, that a lock has one holder, needs several processes: processes_test has it.
 
 #ifndef TESTS_FAULTS_RUN_H
@@ -39,7 +41,7 @@ struct Outcome {
   unsigned int points = 0;         // of the operation
   unsigned int secondPoints = 0;   // doubleKill: of the recovery; 0 when it was not killed
   std::vector<std::string> calls;  // with `record`
-  std::set<std::string> broken;    // "I1" to "I9"
+  std::set<std::string> broken;    // "I1" to "I9", and the words above
   std::set<std::string> reasons;   // for the reader
 };
 
