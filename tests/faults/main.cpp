@@ -1,11 +1,13 @@
 // Enumerates the faults of one scenario:
 //
 //   faults_test SWEEP SCENARIO MODE     errors, reads, kill, takeover, doublekill or memory; default or safe
+//   faults_test --pins SWEEP SCENARIO MODE   the lines for pinned.txt
 //   faults_test --list                  the scenarios
 //   faults_test --replay=CASE           one run, with its calls; a failing case is printed with this flag
 //
 // Exit status 0 when what breaks an invariant is what tests/faults/pinned.txt says: nothing else and nothing less. Its
-// lines are "SWEEP SCENARIO MODE CALL INVARIANT"; a call is PROGRAM:NAME and which of the small files it was for.
+// lines are "SWEEP SCENARIO MODE CALL INVARIANT RUNS", for so many runs that break it there; a call is PROGRAM:NAME and
+// which of the small files it was for.
 
 #include <linux/magic.h>
 #include <sys/stat.h>
@@ -87,25 +89,37 @@ std::string scratchBase() {
 // The faults of one scenario, and what they broke.
 class Enumeration {
  public:
-  Enumeration(Sweep s, const Scenario& which, bool isSafe) : sweep(s), scenario(which), safe(isSafe) {}
+  Enumeration(Sweep s, const Scenario& which, bool isSafe)
+      : sweep(s),
+        scenario(which),
+        safe(isSafe),
+        name(nameOf(kSweeps, s) + " " + which.name + " " + nameOf(kModes, isSafe) + " ") {}
 
-  bool holdsWhatIsPinned() {
-    const Outcome undisturbed = judge({sweep, &scenario, safe, {}, 0});
-    if (!undisturbed.broken.empty()) return false;
-    points = undisturbed.points;
-    if (points == 0) printf("no call was watched\n");
-    if (points == 0) return false;
-    for (unsigned int point = 1; point <= points; ++point) strikeAt(point);
-    return matchesPinned();
+  bool holdsWhatIsPinned() { return runAll() && matchesPinned(); }
+
+  bool printPins() {
+    const bool ran = runAll();
+    for (const auto& [kind, cases] : found) printf("%s %lu\n", kind.c_str(), cases.runs);
+    return ran;
   }
 
   void tell(double seconds) const {
-    printf("%s %s %s: %u points, %lu runs, %lu with a violation, %zu of them pinned kinds, %.1f s\n",
-           nameOf(kSweeps, sweep).c_str(), scenario.name.c_str(), nameOf(kModes, safe).c_str(), points, runs,
+    printf("%s%u points, %lu runs, %lu with a violation, of %zu kinds, %.1f s\n", name.c_str(), points, runs,
            violations, found.size(), seconds);
   }
 
  private:
+  // False when not even the undisturbed run is as it should be.
+  bool runAll() {
+    const Outcome undisturbed = judge({sweep, &scenario, safe, {}, 0});
+    points = undisturbed.points;
+    for (const std::string& reason : undisturbed.reasons) printf("undisturbed: %s\n", reason.c_str());
+    if (points == 0) printf("no call was watched\n");
+    if (points == 0 || !undisturbed.broken.empty()) return false;
+    for (unsigned int point = 1; point <= points; ++point) strikeAt(point);
+    return true;
+  }
+
   void strikeAt(unsigned int point) {
     switch (sweep) {
       case Sweep::errors:
@@ -139,45 +153,51 @@ class Enumeration {
   }
 
   void noteKind(const std::string& call, const std::string& invariant, const Case& which) {
-    const std::string kind =
-        nameOf(kSweeps, sweep) + " " + scenario.name + " " + nameOf(kModes, safe) + " " + call + " " + invariant;
-    if (found.emplace(kind, textOf(which)).second && pinned().count(kind) == 0)
-      printf("%s\n    --replay=%s\n", kind.c_str(), textOf(which).c_str());
+    Kind& kind = found.try_emplace(name + call + " " + invariant, Kind{0, textOf(which)}).first->second;
+    ++kind.runs;
   }
 
   bool matchesPinned() const {
+    std::map<std::string, unsigned long> pins = pinned();
     bool matches = true;
-    for (const auto& [kind, replay] : found)
-      if (!pinned().count(kind)) matches = false;
-    const std::string mine = nameOf(kSweeps, sweep) + " " + scenario.name + " " + nameOf(kModes, safe) + " ";
-    for (const std::string& kind : pinned()) {
-      if (kind.rfind(mine, 0) != 0 || found.count(kind)) continue;
-      printf("%s\n    is pinned, but did not occur\n", kind.c_str());
+    for (const auto& [kind, cases] : found) {
+      const unsigned long expected = pins[kind];
+      pins.erase(kind);
+      if (expected == cases.runs) continue;
+      printf("%s: %lu runs, %lu are pinned\n    --replay=%s\n", kind.c_str(), cases.runs, expected,
+             cases.first.c_str());
       matches = false;
     }
-    return matches;
+    for (const auto& pin : pins) printf("%s: is pinned, but did not occur\n", pin.first.c_str());
+    return matches && pins.empty();
   }
 
-  // Lines that begin with "#" say why.
-  static const std::set<std::string>& pinned() {
-    static const std::set<std::string> kinds = [] {
-      std::set<std::string> lines;
-      std::ifstream file(kPinned);
-      for (std::string line; std::getline(file, line);)
-        if (!line.empty() && line[0] != '#') lines.insert(line);
-      return lines;
-    }();
-    return kinds;
+  // The runs of each kind of this enumeration. Lines that begin with "#" say why.
+  std::map<std::string, unsigned long> pinned() const {
+    std::map<std::string, unsigned long> pins;
+    std::ifstream file(kPinned);
+    for (std::string line; std::getline(file, line);) {
+      const size_t blank = line.rfind(' ');
+      if (line.rfind(name, 0) == 0) pins[line.substr(0, blank)] = std::stoul(line.substr(blank));
+    }
+    return pins;
   }
+
+  // What broke at calls of one kind, and the first case.
+  struct Kind {
+    unsigned long runs;
+    std::string first;
+  };
 
   const Sweep sweep;
   const Scenario& scenario;
   const bool safe;
+  const std::string name;  // with a blank behind it
   const ScratchDirectory scratch;
   unsigned int points = 0;
   unsigned long runs = 0;
   unsigned long violations = 0;
-  std::map<std::string, std::string> found;  // kinds, each with its first case
+  std::map<std::string, Kind> found;
 };
 
 int replay(const std::string& text) {
@@ -194,6 +214,11 @@ int replay(const std::string& text) {
 int list() {
   for (const Scenario& scenario : scenarios()) printf("%s\n", scenario.name.c_str());
   return 0;
+}
+
+int printPins(const std::string& sweep, const std::string& scenario, const std::string& mode) {
+  Enumeration enumeration(valueOf(kSweeps, sweep), scenarioOf(scenario), valueOf(kModes, mode));
+  return enumeration.printPins() ? 0 : 1;
 }
 
 int enumerate(const std::string& sweep, const std::string& scenario, const std::string& mode) {
@@ -216,8 +241,9 @@ int main(int argc, char** argv) {
     const std::string first = argc > 1 ? argv[1] : "";
     if (first.rfind(kReplay, 0) == 0) return replay(first.substr(kReplay.size()));
     if (first == "--list") return list();
+    if (first == "--pins" && argc == 5) return printPins(argv[2], argv[3], argv[4]);
     if (argc == 4) return enumerate(first, argv[2], argv[3]);
-    std::cerr << "usage: faults_test SWEEP SCENARIO MODE | --list | --replay=CASE\n";
+    std::cerr << "usage: faults_test [--pins] SWEEP SCENARIO MODE | --list | --replay=CASE\n";
   } catch (const std::exception& failure) {
     std::cerr << "faults_test: " << failure.what() << "\n";
   }
