@@ -21,6 +21,7 @@
 #include "KTException.h"
 #include "entrypoints.h"
 #include "faults/allocations.h"
+#include "faults/contents.h"
 #include "registry.h"
 #include "support/results.h"
 #include "support/scratch.h"
@@ -38,6 +39,7 @@ struct Report {
   Ending ending;
   int value;
   char path[PATH_MAX];
+  bool said;
   long descriptorsBefore;
   long descriptorsAfter;
   size_t allocations;
@@ -66,34 +68,6 @@ class SharedReport {
 
 void copyText(char (&to)[PATH_MAX], const std::string& text) { to[text.copy(to, PATH_MAX - 1)] = '\0'; }
 
-std::string bytesOf(const std::string& path) {
-  std::string bytes(static_cast<size_t>(fs::file_size(path)), '\0');
-  std::ifstream(path, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  return bytes;
-}
-
-Contents contentsOf(const std::string& path) {
-  Contents contents;
-  if (!fs::is_directory(path)) {
-    if (fs::exists(path)) contents[""] = bytesOf(path);
-    return contents;
-  }
-  for (const auto& entry : fs::recursive_directory_iterator(path))
-    if (entry.is_regular_file()) contents[entry.path().string().substr(path.size() + 1)] = bytesOf(entry.path());
-  return contents;
-}
-
-bool holds(const Contents& all, const Contents& wanted) {
-  return std::all_of(wanted.begin(), wanted.end(), [&](const auto& file) {
-    const auto found = all.find(file.first);
-    return found != all.end() && found->second == file.second;
-  });
-}
-
-bool isCompleteAt(const std::string& path, const Resource& resource) {
-  return !path.empty() && holds(contentsOf(path), resource.contents);
-}
-
 // What shows that somebody changed a file or a directory, or something below it.
 std::set<std::string> looksOf(const std::string& path) {
   struct stat status = {};
@@ -105,15 +79,6 @@ std::set<std::string> looksOf(const std::string& path) {
   if (S_ISDIR(status.st_mode))
     for (const auto& entry : fs::directory_iterator(path)) looks.merge(looksOf(entry.path()));
   return looks;
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t begin = 0;
-  for (size_t end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
-    lines.push_back(text.substr(begin, end - begin));
-  if (begin < text.size()) lines.push_back(text.substr(begin));
-  return lines;
 }
 
 class Run {
@@ -167,6 +132,7 @@ class Run {
       switchWatching();
       tell(refused);
       switchWatching();
+      report->said = hasLoggedError();
       report->descriptorsAfter = openDescriptors();
     };
     seen = memory ? runAlone(body) : supervise(body, which.fault, {which.sweep == Sweep::reads, record});
@@ -229,9 +195,18 @@ class Run {
     if (report->ending == Ending::noMemory && which.sweep != Sweep::memory) broken("I6", "bad_alloc");
     if (report->ending != Ending::answered) return;
     if (!scenario.values.count(report->value)) broken("I6", "the result is " + std::to_string(report->value));
-    const bool found = report->value == 0 || report->value == 1;
-    if (scenario.looksUp && found && *report->path && !isCompleteAt(report->path, scenario.resources.front()))
+    const bool found = report->value == 0 || report->value == 1 || report->value == kUntouched;
+    if (scenario.looksUp && found && *report->path && !isCompleteAt(report->path, scenario.resources.front().contents))
       broken("I2", "the operation itself found a part");
+    judgeEffect();
+  }
+
+  void judgeEffect() {
+    const bool disturbed = !outcome.struck.empty();
+    const Answer answer = {report->value, report->path, disturbed, disturbed && report->said};
+    if (!scenario.isTrue(ground, answer))
+      broken("effect", "what the answer " + std::to_string(answer.value) + " " + answer.path + " says is not so");
+    if (!disturbed && answer.value != 0) broken("effect", "undisturbed it answers " + std::to_string(answer.value));
   }
 
   // I1, I3 and I7: what holds at every time.
@@ -292,7 +267,7 @@ class Run {
 
   // Ids of the scenario; the balancer of the default mode marks paths.
   bool isMark(const std::string& line) const {
-    if (scenario.marks.count(line) || line == "fresh") return true;
+    if (scenario.marks.count(line) || line == kFreshId) return true;
     return std::any_of(scenario.resources.begin(), scenario.resources.end(), [&](const Resource& resource) {
       const auto places = placesOf(resource);
       return line == resource.id || std::find(places.begin(), places.end(), line) != places.end();
@@ -348,7 +323,7 @@ class Run {
   void judgeLookUps() {
     for (size_t i = 0; i < scenario.resources.size(); ++i) {
       const Resource& resource = scenario.resources[i];
-      if (resource.mayGo || isCompleteAt(report->found[i], resource)) continue;
+      if (resource.mayGo || isCompleteAt(report->found[i], resource.contents)) continue;
       broken("I2", resource.id + " is looked up at " + (*report->found[i] ? report->found[i] : "no place"));
     }
   }

@@ -6,7 +6,8 @@
 //   I3 nothing changes outside                 I8 no memory, descriptor or child is left
 //   I4 no lock file is left                    I9 it ends
 //
-// In the safe mode, after the recovery: nothing is left of a move ("leftover"), no resource is there twice ("copies").
+// What an answer says is so ("effect"). In the safe mode, after the recovery: nothing is left of a move ("leftover"),
+// no resource is there twice ("copies").
 //
 // I5, that a lock has one holder, needs several processes: processes_test has it.
 

@@ -8,6 +8,7 @@
 #include "KTRepositoryHandler.h"
 #include "entrypoints.h"
 #include "hashlayout.h"
+#include "locking.h"
 #include "operationlog.h"
 #include "registry.h"
 #include "sizeaccounting.h"
@@ -16,6 +17,7 @@
 #include "transfer.h"
 
 const char kKeptMark[] = "kept";
+const char kFreshId[] = "fresh";
 
 namespace {
 
@@ -66,9 +68,15 @@ void makeDirtyHalves(const Ground& ground) {
   writeFile(ground.dirtySet(), kId + "\n" + kMarks);
 }
 
+Answer answerOf(int value) {
+  Answer answer;
+  answer.value = value;
+  return answer;
+}
+
 Answer located(char* path, int status) {
   const OwnedChars found(path);
-  return {status, found ? found.get() : ""};
+  return {status, found ? found.get() : "", false, false};
 }
 
 Answer lookUp(const Ground& ground) {
@@ -80,13 +88,77 @@ Answer lookUp(const Ground& ground) {
 using Creation = char* (*)(const char*, const char*, int*, bool);
 Answer create(const Ground& ground, Creation creation) {
   int status = kUntouched;
-  char* path = creation(ground.repository().c_str(), "fresh", &status, false);
+  char* path = creation(ground.repository().c_str(), kFreshId, &status, false);
   return located(path, status);
 }
 
 Answer pass(const Ground& ground) {
   checkOverload_(ground.repository().c_str(), false);
   return {};
+}
+
+std::string parentOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+bool isAbsent(const Ground& ground, const std::string& id) {
+  for (int mount = 0; mount < kMounts; ++mount)
+    if (isThere(ground.place(mount, id))) return false;
+  return !isThere(ground.legacy() + "/" + id);
+}
+
+bool isMarked(const Ground& ground, const std::string& id) {
+  const auto lines = linesOf(readFile(ground.dirtySet()));
+  return std::find(lines.begin(), lines.end(), id) != lines.end();
+}
+
+// Nothing is told by an answer without a path, but that the lock was not taken, which is logged.
+bool isNone(const Answer& answer) {
+  return answer.value == kResourceNotCreated || (answer.value == kUntouched && answer.said);
+}
+
+// The directories above a new place are there. That the last one could not be made is not told.
+bool isMade(const std::string& directory, const Answer& answer) {
+  return isDirectoryThere(answer.disturbed ? parentOf(directory) : directory);
+}
+
+bool isLocationMade(const Ground&, const Answer& answer) {
+  return answer.path.empty() ? isNone(answer) : isMade(parentOf(answer.path), answer);
+}
+
+// It is marked, too, unless an error was logged.
+bool isDirectoryMade(const Ground& ground, const Answer& answer) {
+  if (answer.path.empty()) return isNone(answer);
+  return isMade(answer.path, answer) && (isMarked(ground, kFreshId) || answer.said);
+}
+
+// The resource is there: it is found, or the answer tells why not. That what is found is whole is judged elsewhere.
+bool isLookUpTrue(const Ground&, const Answer& answer) {
+  if (!answer.path.empty()) return true;
+  return answer.value == kUntouched ? answer.said
+                                    : answer.value == kResourceConflict || answer.value == kTransferFailed;
+}
+
+bool isImportTrue(const Ground& ground, const Answer& answer) {
+  const bool isImported = !isThere(ground.legacy() + "/" + kId);
+  return isLookUpTrue(ground, answer) && (isImported || answer.value != kResourceFound || answer.said);
+}
+
+// The two are one; and nobody looks for another any more, unless an error was logged.
+bool isJoiningTrue(const Ground& ground, const Answer& answer) {
+  const bool isJoined = !isThere(ground.place(0, kId)) && (answer.said || !isMarked(ground, kId));
+  return isLookUpTrue(ground, answer) && (isJoined || answer.value != kResourceFound);
+}
+
+// Gone everywhere; or nothing was removed.
+bool isRemovalTrue(const Ground& ground, const Answer& answer) {
+  if (answer.value == 0) return isAbsent(ground, kId);
+  return answer.value == kTransferFailed ||
+         (answer.value != kResourceNotFound && isCompleteAt(ground.place(0, kId), kTree));
+}
+
+// Both resources stand in the cache, with their times and sizes; what is gone does not.
+bool isCounted(const Ground& ground, const Answer& answer) {
+  const auto lines = linesOf(readFile(ground.mount(0) + "/.count"));
+  return answer.said || (lines.size() == 6 && lines[0] == kBystander.id && lines[3] == kId);
 }
 
 std::vector<Fill> noFills(const Ground&) { return {}; }
@@ -96,12 +168,14 @@ const std::set<int> kOfCreation = {0, 1, 8, kUntouched};
 const std::set<int> kNothing = {0};
 
 Scenario scenario(const std::string& name, std::function<void(const Ground&)> setUp,
-                  std::function<Answer(const Ground&)> operate, const std::vector<Resource>& resources,
+                  std::function<Answer(const Ground&)> operate,
+                  std::function<bool(const Ground&, const Answer&)> isTrue, const std::vector<Resource>& resources,
                   const std::set<int>& values) {
   Scenario made;
   made.name = name;
   made.setUp = std::move(setUp);
   made.operate = std::move(operate);
+  made.isTrue = std::move(isTrue);
   made.resources = resources;
   made.values = values;
   made.marks = {kKeptMark};
@@ -112,7 +186,7 @@ Scenario scenario(const std::string& name, std::function<void(const Ground&)> se
 Scenario createLocation() {
   return scenario(
       "createLocation", [](const Ground& ground) { makeRepository(ground); },
-      [](const Ground& ground) { return create(ground, createLocation_); }, {kBystander}, kOfCreation);
+      [](const Ground& ground) { return create(ground, createLocation_); }, isLocationMade, {kBystander}, kOfCreation);
 }
 
 // While a mount is away, so that a mark is made.
@@ -123,19 +197,21 @@ Scenario createDirectory() {
         makeRepository(ground, "", kMounts);
         std::filesystem::remove(ground.mount(2) + "/repositorypart.cfg");
       },
-      [](const Ground& ground) { return create(ground, createDirectory_); }, {kBystander}, kOfCreation);
+      [](const Ground& ground) { return create(ground, createDirectory_); }, isDirectoryMade, {kBystander},
+      kOfCreation);
 }
 
 Scenario lookUpClean() {
   Scenario made = scenario(
-      "lookUpClean", [](const Ground& ground) { makeRepositoryWith(ground, 1, kTree); }, lookUp,
+      "lookUpClean", [](const Ground& ground) { makeRepositoryWith(ground, 1, kTree); }, lookUp, isLookUpTrue,
       {{kId, kTree}, kBystander}, kOfLookUp);
   made.looksUp = true;
   return made;
 }
 
 Scenario lookUpJoining() {
-  Scenario made = scenario("lookUpJoining", makeDirtyHalves, lookUp, {{kId, kJoined}, kBystander}, kOfLookUp);
+  Scenario made =
+      scenario("lookUpJoining", makeDirtyHalves, lookUp, isJoiningTrue, {{kId, kJoined}, kBystander}, kOfLookUp);
   made.marks = {kKeptMark, kId};
   made.looksUp = made.joins = true;
   return made;
@@ -148,7 +224,7 @@ Scenario legacyImport() {
         makeRepository(ground, "legacyDir=" + ground.legacy() + "\n");
         put(ground.legacy() + "/" + kId, kTree);
       },
-      lookUp, {{kId, kTree}, kBystander}, kOfLookUp);
+      lookUp, isImportTrue, {{kId, kTree}, kBystander}, kOfLookUp);
   made.looksUp = true;
   return made;
 }
@@ -156,10 +232,8 @@ Scenario legacyImport() {
 Scenario removal() {
   return scenario(
       "remove", [](const Ground& ground) { makeRepositoryWith(ground, 0, kTree); },
-      [](const Ground& ground) {
-        return Answer{removeResource_(ground.repository().c_str(), kId.c_str()), ""};
-      },
-      {{kId, kTree, true}, kBystander}, {0, 1, 4, 8, 16});
+      [](const Ground& ground) { return answerOf(removeResource_(ground.repository().c_str(), kId.c_str())); },
+      isRemovalTrue, {{kId, kTree, true}, kBystander}, {0, 1, 4, 8, 16});
 }
 
 Scenario setDirty() {
@@ -169,26 +243,40 @@ Scenario setDirty() {
         getRepository(ground.repository().c_str())->dirtyFlagHandler.setDirty(kId.c_str(), true);
         return Answer{};
       },
+      [](const Ground& ground, const Answer& answer) { return isMarked(ground, kId) || answer.said; },
       {{kId, kTree}, kBystander}, kNothing);
 }
 
-// To the mount that look-ups search first: what is made there is what they find.
+// To a mount that look-ups search before the one that is emptied: what is made there is what they find. It is not the
+// first, of which no answer tells that the mount is empty.
 Scenario freshMove() {
-  return scenario(
-      "freshMove", [](const Ground& ground) { makeRepositoryWith(ground, 1, kTree); },
+  Scenario made = scenario(
+      "freshMove",
       [](const Ground& ground) {
-        return Answer{freeMount_(ground.repository().c_str(), "m1"), ""};
+        makeRepository(ground, "", kMounts);
+        put(ground.place(2, kId), kTree);
       },
+      [](const Ground& ground) { return answerOf(freeMount_(ground.repository().c_str(), "m2")); },
+      [](const Ground& ground, const Answer& answer) { return answer.value != 0 || !isThere(ground.place(2, kId)); },
       {{kId, kTree}, kBystander}, {0, 1, 2, 3});
+  made.fills = [](const Ground& ground) { return std::vector<Fill>{{ground.mount(0), 96, 0, {}}}; };
+  return made;
 }
 
 // Of a resource one part of which is there already; its mark lets a look-up join what is left.
 Scenario mergeMove() {
-  Scenario made = scenario("mergeMove", makeDirtyHalves,
-                           [](const Ground& ground) {
-                             return Answer{moveRes(ground.place(0, kId).c_str(), ground.place(1, kId).c_str()), ""};
-                           },
-                           {{kId, kJoined}, kBystander}, {0, 2, 8});
+  Scenario made = scenario(
+      "mergeMove", makeDirtyHalves,
+      [](const Ground& ground) {
+        KTSemaphore lock(resourceLockName(ground.repository(), kId), true);  // as everyone who moves
+        if (!takeLock(lock)) return answerOf(kTransferFailed);
+        return answerOf(moveRes(ground.place(0, kId).c_str(), ground.place(1, kId).c_str()));
+      },
+      [](const Ground& ground, const Answer& answer) {
+        return answer.value != kTransferred ||
+               (!isThere(ground.place(0, kId)) && isCompleteAt(ground.place(1, kId), kJoined));
+      },
+      {{kId, kJoined}, kBystander}, {0, 2, 8});
   made.marks = {kKeptMark, kId};
   made.joins = true;
   return made;
@@ -204,7 +292,11 @@ Scenario passDeleting() {
         for (const std::string& id : ids) put(ground.place(0, id), kTree);
         setTimes(ground.place(1, kBystander.id), time(nullptr));
       },
-      pass, {{ids[0], kTree, true}, {ids[1], kTree, true}, kBystander}, kNothing);
+      pass,
+      [=](const Ground& ground, const Answer& answer) {
+        return answer.said || (isAbsent(ground, ids[0]) && isAbsent(ground, ids[1]));
+      },
+      {{ids[0], kTree, true}, {ids[1], kTree, true}, kBystander}, kNothing);
   made.fills = [=](const Ground& ground) {
     return std::vector<Fill>{{ground.mount(0), 96.8, 1.2, {ground.place(0, ids[0]), ground.place(0, ids[1])}},
                              {ground.mount(1), 98.5, 0, {}}};
@@ -223,7 +315,13 @@ Scenario passMoving() {
         put(ground.place(1, ids[1]), kFile);
         put(ground.place(1, ids[2]), kOtherPart);
       },
-      pass, {{ids[0], kTree}, {ids[1], kFile}, {ids[2], kOtherPart}, kBystander}, kNothing);
+      pass,
+      [=](const Ground& ground, const Answer& answer) {
+        return answer.said || std::all_of(std::begin(ids), std::end(ids), [&](const std::string& id) {
+                 return isThere(ground.place(0, id)) && !isThere(ground.place(1, id));
+               });
+      },
+      {{ids[0], kTree}, {ids[1], kFile}, {ids[2], kOtherPart}, kBystander}, kNothing);
   made.fills = [=](const Ground& ground) {
     std::vector<std::string> paths;
     for (const std::string& id : ids) paths.push_back(ground.place(1, id));
@@ -239,6 +337,11 @@ Scenario makeEmpty() {
         makeEmpty_(ground.repository().c_str());
         return Answer{};
       },
+      [](const Ground& ground, const Answer& answer) {
+        const bool isEmpty =
+            isAbsent(ground, kId) && isAbsent(ground, kBystander.id) && readFile(ground.dirtySet()).empty();
+        return isEmpty || answer.said;
+      },
       {{kId, kTree, true}, {kBystander.id, kBystander.contents, true}}, kNothing);
   made.clearsAllMarks = true;
   return made;
@@ -253,9 +356,9 @@ Scenario countingSize() {
       },
       [](const Ground& ground) {
         const long size = countSize(ground.mount(0).c_str(), false);
-        return Answer{size < 0 ? 1 : 0, ""};
+        return answerOf(size < 0 ? 1 : 0);
       },
-      {{kId, kTree}, kBystander}, kNothing);
+      isCounted, {{kId, kTree}, kBystander}, kNothing);
 }
 
 Scenario logWriter() {
@@ -268,6 +371,9 @@ Scenario logWriter() {
       [](const Ground& ground) {
         writeToLogGlobal((ground.mount(0) + "/.log").c_str(), "second");
         return Answer{};
+      },
+      [](const Ground& ground, const Answer& answer) {
+        return answer.said || readFile(ground.mount(0) + "/.log") == "first\nsecond\n";
       },
       {{kId, kTree}, kBystander}, kNothing);
 }

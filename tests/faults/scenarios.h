@@ -5,11 +5,11 @@
 #define TESTS_FAULTS_SCENARIOS_H
 
 #include <functional>
-#include <map>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "faults/contents.h"
 #include "faults/world.h"
 
 // The directories of a run.
@@ -25,9 +25,6 @@ struct Ground {
   std::string place(int mount, const std::string& id) const;  // of a resource
 };
 
-// Contents by the paths below the resource; that of a file that is a resource itself stands under "".
-using Contents = std::map<std::string, std::string>;
-
 struct Resource {
   std::string id;
   Contents contents;
@@ -36,8 +33,10 @@ struct Resource {
 
 // What an operation gave.
 struct Answer {
-  int value = 0;     // its result or status
-  std::string path;  // the path that it found or made
+  int value = 0;           // its result or status
+  std::string path;        // the path that it found or made
+  bool disturbed = false;  // a fault was in it
+  bool said = false;       // and an error was logged: all that tells of a failure where there is no result
 };
 
 struct Scenario {
@@ -45,8 +44,9 @@ struct Scenario {
   std::function<void(const Ground&)> setUp;
   std::function<Answer(const Ground&)> operate;
   std::vector<Resource> resources;
-  std::set<int> values;         // the results that it may have
-  std::set<std::string> marks;  // ids that are marked dirty before
+  std::set<int> values;                                      // the results that it may have
+  std::function<bool(const Ground&, const Answer&)> isTrue;  // whether what the answer says is so
+  std::set<std::string> marks;                               // ids that are marked dirty before
   bool clearsAllMarks = false;
   bool looksUp = false;  // its answer is where the first resource is
   bool joins = false;    // the first resource lies in parts on several mounts
@@ -55,6 +55,8 @@ struct Scenario {
 
 // A mark that no operation but the emptying of everything takes away: nobody asks for this resource.
 extern const char kKeptMark[];
+// The resource that is made.
+extern const char kFreshId[];
 // In a status that an operation left alone.
 constexpr int kUntouched = -77;
 

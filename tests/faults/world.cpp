@@ -21,6 +21,8 @@ constexpr double kUsedElsewhere = 10;
 // A thousand waits for a lock, of thirty seconds each.
 constexpr double kMostSeconds = 30000;
 
+bool errorLogged = false;
+
 std::vector<Fill>& disks() {
   static auto* fills = new std::vector<Fill>;
   return *fills;
@@ -42,6 +44,8 @@ double usedOf(std::string_view mount) {
 }
 
 }  // namespace
+
+bool hasLoggedError() { return errorLogged; }
 
 void fillDisks(const std::vector<Fill>& fills) { disks() = fills; }
 
@@ -69,8 +73,9 @@ int nanosleep(const timespec* pause, timespec*) {
 
 void openlog(const char*, int, int) {}
 void closelog() {}
-void vsyslog(int, const char* format, va_list args) {
+void vsyslog(int priority, const char* format, va_list args) {
   static char line[4096];
   vsnprintf(line, sizeof line, format, args);
+  if (priority == LOG_ERR) errorLogged = true;
 }
 }

@@ -18,6 +18,9 @@ struct Fill {
 // In the process of the operation. A directory that is not named is a disk of its own, a tenth full.
 void fillDisks(const std::vector<Fill>& fills);
 
+// Whether a line that tells of an error was sent to the log.
+bool hasLoggedError();
+
 // Whether the operation has slept longer than any lock is waited for, all waits of its scenario together. What sleeps
 // on then is ended, as hung: its exit status is this.
 constexpr int kSleptForEver = 99;
