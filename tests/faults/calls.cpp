@@ -5,6 +5,7 @@
 #include <linux/fs.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <optional>
 #include <stdexcept>
@@ -90,6 +91,11 @@ const Call& callOf(const seccomp_data& data) {
 CallKind kindOf(const Call& call, const seccomp_data& data) {
   const auto flags = flagsArgument(call);
   return flags && !(data.args[*flags] & kWritingFlags) ? CallKind::reads : call.kind;
+}
+
+bool canFail(CallKind kind, int error, bool onwards) {
+  if (kind == CallKind::closes) return error == EIO || error == ENOSPC || error == EDQUOT;
+  return kind != CallKind::reads || error != EINTR || !onwards;
 }
 
 bool isSwitch(const seccomp_data& data) {

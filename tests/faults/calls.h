@@ -10,7 +10,7 @@
 
 #include <vector>
 
-enum class CallKind { changes, starts, reads };
+enum class CallKind { changes, closes, starts, reads };
 
 // Which calls of a number are meant.
 enum class CallFilter {
@@ -19,6 +19,7 @@ enum class CallFilter {
   writingFlags2,
   descriptor,  // on another descriptor than standard input
   cloning,     // an ioctl that shares the blocks of another file
+  written,     // on a file that was opened for writing: the kernel's filter cannot tell, the supervisor does
 };
 
 struct Call {
@@ -43,6 +44,11 @@ const Call& callOf(const seccomp_data& data);
 
 // What kind it is: an open may write or only read.
 CallKind kindOf(const Call& call, const seccomp_data& data);
+
+// Whether a call of this kind may really fail so, once, or from there on. A close tells only of what could not be
+// written; and signals end some time: a program may begin anew with each that interrupts its reading (diff, when it
+// reads what memory it has), and one that goes on refusing its calls keeps it for ever.
+bool canFail(CallKind kind, int error, bool onwards);
 
 bool isSwitch(const seccomp_data& data);
 

@@ -93,13 +93,14 @@ class Enumeration {
       : sweep(s),
         scenario(which),
         safe(isSafe),
-        name(nameOf(kSweeps, s) + " " + which.name + " " + nameOf(kModes, isSafe) + " ") {}
+        name(nameOf(kSweeps, s) + " " + which.name + " " + nameOf(kModes, isSafe) + " "),
+        pins(pinned(name)) {}
 
   bool holdsWhatIsPinned() { return runAll() && matchesPinned(); }
 
   bool printPins() {
     const bool ran = runAll();
-    for (const auto& [kind, cases] : found) printf("%s %lu\n", kind.c_str(), cases.runs);
+    for (const auto& [kind, count] : found) printf("%s %lu\n", kind.c_str(), count);
     return ran;
   }
 
@@ -116,17 +117,21 @@ class Enumeration {
     for (const std::string& reason : undisturbed.reasons) printf("undisturbed: %s\n", reason.c_str());
     if (points == 0) printf("no call was watched\n");
     if (points == 0 || !undisturbed.broken.empty()) return false;
+    kinds = undisturbed.kinds;
     for (unsigned int point = 1; point <= points; ++point) strikeAt(point);
     return true;
   }
 
   void strikeAt(unsigned int point) {
+    const bool kills = sweep == Sweep::kill || sweep == Sweep::takeover || sweep == Sweep::doubleKill;
+    if (kills && kinds[point - 1] == CallKind::closes) return;  // as at the next call
     switch (sweep) {
       case Sweep::errors:
       case Sweep::reads:
         for (const auto& error : kErrors)
           for (const Strike strike : {Strike::once, Strike::onwards})
-            judge({sweep, &scenario, safe, {strike, point, error.second}, 0});
+            if (canFail(kinds[point - 1], error.second, strike == Strike::onwards))
+              judge({sweep, &scenario, safe, {strike, point, error.second}, 0});
         break;
       case Sweep::memory:
         for (const Strike strike : {Strike::once, Strike::onwards})
@@ -152,52 +157,47 @@ class Enumeration {
     return outcome;
   }
 
+  // A kind that is not pinned is told at once: a long run may be ended.
   void noteKind(const std::string& call, const std::string& invariant, const Case& which) {
-    Kind& kind = found.try_emplace(name + call + " " + invariant, Kind{0, textOf(which)}).first->second;
-    ++kind.runs;
+    const auto [kind, isNew] = found.try_emplace(name + call + " " + invariant, 0);
+    ++kind->second;
+    if (!isNew || pins.count(kind->first)) return;
+    fprintf(stderr, "%s\n    --replay=%s\n", kind->first.c_str(), textOf(which).c_str());
   }
 
   bool matchesPinned() const {
-    std::map<std::string, unsigned long> pins = pinned();
-    bool matches = true;
-    for (const auto& [kind, cases] : found) {
-      const unsigned long expected = pins[kind];
-      pins.erase(kind);
-      if (expected == cases.runs) continue;
-      printf("%s: %lu runs, %lu are pinned\n    --replay=%s\n", kind.c_str(), cases.runs, expected,
-             cases.first.c_str());
-      matches = false;
+    std::map<std::string, unsigned long> expected = pins;
+    for (const auto& kind : found) expected.emplace(kind.first, 0);
+    for (const auto& [kind, count] : expected) {
+      const auto broken = found.find(kind);
+      const unsigned long now = broken == found.end() ? 0 : broken->second;
+      if (now != count) printf("%s: %lu runs, %lu are pinned\n", kind.c_str(), now, count);
     }
-    for (const auto& pin : pins) printf("%s: is pinned, but did not occur\n", pin.first.c_str());
-    return matches && pins.empty();
+    return found == pins;
   }
 
   // The runs of each kind of this enumeration. Lines that begin with "#" say why.
-  std::map<std::string, unsigned long> pinned() const {
-    std::map<std::string, unsigned long> pins;
+  static std::map<std::string, unsigned long> pinned(const std::string& name) {
+    std::map<std::string, unsigned long> kinds;
     std::ifstream file(kPinned);
     for (std::string line; std::getline(file, line);) {
       const size_t blank = line.rfind(' ');
-      if (line.rfind(name, 0) == 0) pins[line.substr(0, blank)] = std::stoul(line.substr(blank));
+      if (line.rfind(name, 0) == 0) kinds[line.substr(0, blank)] = std::stoul(line.substr(blank));
     }
-    return pins;
+    return kinds;
   }
-
-  // What broke at calls of one kind, and the first case.
-  struct Kind {
-    unsigned long runs;
-    std::string first;
-  };
 
   const Sweep sweep;
   const Scenario& scenario;
   const bool safe;
   const std::string name;  // with a blank behind it
+  const std::map<std::string, unsigned long> pins;
   const ScratchDirectory scratch;
   unsigned int points = 0;
+  std::vector<CallKind> kinds;  // of the calls
   unsigned long runs = 0;
   unsigned long violations = 0;
-  std::map<std::string, Kind> found;
+  std::map<std::string, unsigned long> found;  // the runs of each kind
 };
 
 int replay(const std::string& text) {

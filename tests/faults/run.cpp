@@ -140,6 +140,7 @@ class Run {
     const bool came = refused > 0 && (report->ending == Ending::none || refused <= report->allocations);
     outcome.struck = came ? "allocation" : seen.struck;
     outcome.calls = seen.calls;
+    outcome.kinds = seen.kinds;
   }
 
   // The handlers of repositories are the process's: they go before what is kept is counted.
@@ -175,7 +176,7 @@ class Run {
     if (seen.status != 0) broken("I6", "the process ended with status " + std::to_string(seen.status));
     judgeAnswer();
     if (seen.childrenLeft) broken("I8", "a child is left");
-    if (report->descriptorsAfter > report->descriptorsBefore) broken("I8", "a descriptor is left");
+    if (report->descriptorsAfter - seen.closesRefused > report->descriptorsBefore) broken("I8", "a descriptor is left");
     if (report->kept > 0) broken("I8", std::to_string(report->kept) + " blocks of memory are left");
     // A lock file whose removal is refused for ever stays, whoever tries, and one that is said to be gone is left.
     const bool mustStay = seen.removalRefused && (which.fault.strike == Strike::onwards || which.fault.error == ENOENT);

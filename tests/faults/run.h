@@ -42,6 +42,7 @@ struct Outcome {
   unsigned int points = 0;         // of the operation
   unsigned int secondPoints = 0;   // doubleKill: of the recovery; 0 when it was not killed
   std::vector<std::string> calls;  // with `record`
+  std::vector<CallKind> kinds;     // of all calls
   std::set<std::string> broken;    // "I1" to "I9", and the words above
   std::set<std::string> reasons;   // for the reader
 };

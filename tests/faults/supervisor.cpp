@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -111,8 +112,24 @@ std::string linkTarget(const std::string& link) {
   return {target, length > 0 ? static_cast<size_t>(length) : 0};
 }
 
+std::string descriptorOf(pid_t process, const char* directory, uint64_t descriptor) {
+  return "/proc/" + std::to_string(process) + directory + std::to_string(static_cast<int>(descriptor));
+}
+
 std::string fileBehind(pid_t process, uint64_t descriptor) {
-  return linkTarget("/proc/" + std::to_string(process) + "/fd/" + std::to_string(static_cast<int>(descriptor)));
+  return linkTarget(descriptorOf(process, "/fd/", descriptor));
+}
+
+// Whether it is a regular file that is open for writing.
+bool isWrittenFile(pid_t process, uint64_t descriptor) {
+  struct stat status;
+  if (stat(descriptorOf(process, "/fd/", descriptor).c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  std::ifstream info(descriptorOf(process, "/fdinfo/", descriptor));
+  std::string word;
+  int flags = 0;
+  while (info >> word && word != "flags:") continue;
+  info >> std::oct >> flags;
+  return (flags & O_ACCMODE) != O_RDONLY;
 }
 
 // By its file, since a pointer of a 32-bit process does not reach all of a 64-bit one. Up to the end of a page: behind
@@ -191,8 +208,9 @@ class Supervisor {
     }
     if (!watching) return 0;
     const Call& call = callOf(told.data);
-    if (isOutput(told, call)) return 0;
+    if (isOutput(told, call) || isOtherClose(told, call)) return 0;
     ++seen.points;
+    seen.kinds.push_back(kindOf(call, told.data));
     if (watch.record) seen.calls.push_back(nameOf(told, call));
     return strikes(told, call) ? strike(told, call) : 0;
   }
@@ -201,6 +219,11 @@ class Supervisor {
   static bool isOutput(const seccomp_notif& told, const Call& call) {
     if (call.filter != CallFilter::descriptor || told.data.args[0] > STDERR_FILENO) return false;
     return fileBehind(static_cast<pid_t>(told.pid), told.data.args[0]) == "/dev/null";
+  }
+
+  // It says nothing of what was written.
+  static bool isOtherClose(const seccomp_notif& told, const Call& call) {
+    return call.filter == CallFilter::written && !isWrittenFile(static_cast<pid_t>(told.pid), told.data.args[0]);
   }
 
   bool strikes(const seccomp_notif& told, const Call& call) {
@@ -222,6 +245,7 @@ class Supervisor {
     }
     if (strcmp(call.name, "unlink") == 0 && pathOf(told, call).find("/semaphore_") != std::string::npos)
       seen.removalRefused = true;
+    if (call.kind == CallKind::closes && static_cast<pid_t>(told.pid) == process) ++seen.closesRefused;
     return fault.error;
   }
 

@@ -9,10 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "faults/calls.h"
+
 enum class Strike {
   none,
   once,     // one call is refused
-  onwards,  // so are all behind it of its kind: those that change files, or those that start programs
+  onwards,  // so are all behind it of its kind: those that change files, close them, or start programs
   kill,
 };
 
@@ -26,7 +28,9 @@ struct Observed {
   unsigned int points = 0;         // calls that were numbered
   std::string struck;              // "PROGRAM:CALL PLACE" of the fault; empty when the operation ended before
   std::vector<std::string> calls;  // the same for all calls, when asked for
+  std::vector<CallKind> kinds;     // of all calls
   bool removalRefused = false;     // of a lock file: the fault itself keeps it there
+  long closesRefused = 0;          // by the process itself: the fault itself keeps the descriptor
   bool hung = false;
   bool childrenLeft = false;
   int status = 0;  // of the process, as waitpid gives it
