@@ -199,7 +199,8 @@ class Run {
     const bool found = report->value == 0 || report->value == 1 || report->value == kUntouched;
     if (scenario.looksUp && found && *report->path && !isCompleteAt(report->path, scenario.resources.front().contents))
       broken("I2", "the operation itself found a part");
-    judgeEffect();
+    // What is said not to be there is answered so.
+    if (which.sweep != Sweep::reads || which.fault.error != ENOENT) judgeEffect();
   }
 
   void judgeEffect() {
