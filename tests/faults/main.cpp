@@ -79,7 +79,7 @@ Case caseOf(const std::string& text) {
 // On a file system in memory: the safe mode flushes at each move, and which calls cp makes depends on the file system.
 std::string scratchBase() {
   const char* given = getenv("TMPDIR");
-  const std::string base = given ? given : "/dev/shm";
+  std::string base = given ? given : "/dev/shm";
   struct statfs system;
   if (statfs(base.c_str(), &system) != 0 || system.f_type != TMPFS_MAGIC)
     throw std::runtime_error(base + " is no file system in memory (tmpfs); name one with TMPDIR");

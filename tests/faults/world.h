@@ -1,5 +1,5 @@
-// What an operation meets in place of libc: disks that are as full as its scenario says, a log that nobody reads, and
-// sleeps that take no time.
+// What an operation meets in place of libc: disks that are as full as its scenario says, a log of which it is only
+// known whether it tells of an error, and sleeps that take no time.
 
 #ifndef TESTS_FAULTS_WORLD_H
 #define TESTS_FAULTS_WORLD_H
