@@ -200,8 +200,8 @@ class Run {
     const bool found = report->value == 0 || (report->value == 1 && !scenario.joins) || report->value == kUntouched;
     if (scenario.looksUp && found && *report->path && !isCompleteAt(report->path, scenario.resources.front().contents))
       broken("I2", "the operation itself found a part");
-    // What is said not to be there is answered so.
-    if (which.sweep != Sweep::reads || which.fault.error != ENOENT) judgeEffect();
+    // What cannot be read counts as away, and is answered so.
+    if (which.sweep != Sweep::reads || outcome.struck.empty()) judgeEffect();
   }
 
   void judgeEffect() {
