@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <list>
 #include <optional>
@@ -22,6 +21,7 @@
 #include "paths.h"
 #include "renaming.h"
 #include "safety.h"
+#include "shell.h"
 #include "transfer.h"
 #include "treecomparison.h"
 
@@ -32,8 +32,6 @@ constexpr int kNotMoved = -1;
 // Below the one directory at the root of a mount into which no walk goes, in either mode: what stands three levels
 // below any other is taken for resources.
 constexpr char kOutOfSight[] = "lost+found/kt-moves";
-
-int run(const std::string& command) { return system(command.c_str()); }
 
 std::string outOfSight(const std::string& mountPath) { return mountPath + "/" + kOutOfSight; }
 

@@ -19,6 +19,7 @@
 #include "listing.h"
 #include "paths.h"
 #include "safety.h"
+#include "shell.h"
 #include "statefile.h"
 
 namespace {
@@ -76,7 +77,7 @@ void writeCache(const std::string& directory, const SizeSet& found) {
 // Kilobytes by du, or 0 when it gave none.
 long runDu(const std::string& path, const std::string& scratch) {
   long size = 0;
-  const int status = system(safety::measureCommand(path, scratch).c_str());
+  const int status = run(safety::measureCommand(path, scratch));
   if (status != 0 || !exists(scratch.c_str())) {
     rh_logger.debugLog("ERROR: du terminated abnormally\n");
     return size;

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <list>
 #include <string>
 
@@ -19,6 +18,7 @@
 #include "paths.h"
 #include "relocation.h"
 #include "safety.h"
+#include "shell.h"
 
 namespace {
 
@@ -29,8 +29,6 @@ int failed(const std::string& text, int failure) {
   safety::logError(withErrorMark(text, failure));
   return kTransferFailed;
 }
-
-int run(const std::string& command) { return system(command.c_str()); }
 
 // Calls `step` with the path of each entry of `directory`, until one answers other than 0; gives that.
 template <typename Step>

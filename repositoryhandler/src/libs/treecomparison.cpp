@@ -5,18 +5,16 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdlib>
 #include <optional>
 #include <set>
 
 #include "safety.h"
+#include "shell.h"
 #include "sorteddirectory.h"
 
 namespace {
 
 constexpr int kDiffers = 1 << 8;  // as system gives the status of a diff that found a difference
-
-int run(const std::string& command) { return system(command.c_str()); }
 
 // What diff cannot compare: it would read a named pipe for ever, and takes two equal ones for different.
 bool isSpecial(mode_t mode) { return !S_ISREG(mode) && !S_ISDIR(mode) && !S_ISLNK(mode); }
