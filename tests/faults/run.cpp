@@ -166,7 +166,11 @@ class Run {
     report->kept = allocations::kept();
   }
 
-  void broken(const char* invariant, const std::string& reason) {
+  // A reading call that answers ENOENT has not failed: it lies. Which copies there are cannot be known then.
+  bool isLie() const { return which.sweep == Sweep::reads && which.fault.error == ENOENT; }
+
+  void broken(const std::string& invariant, const std::string& reason) {
+    if (isLie() && (invariant == "I2" || invariant == "copies")) return;
     outcome.broken.insert(invariant);
     outcome.reasons.insert(invariant + (": " + reason));
   }
