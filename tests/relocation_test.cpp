@@ -489,7 +489,7 @@ TEST_F(RelocationTest, AFailedMoveLeavesNoEmptyDirectoriesAtTheDestination) {
 
 TEST_F(RelocationTest, WhatAProcessOfTheSameIdHasLeftIsNoPartOfTheCopy) {
   place(0, k2009);
-  for (int number = 1; number < 100; ++number)
+  for (int number = 1; number < 1000; ++number)
     for (size_t i = 0; i < 2; ++i)
       writeFile(hidingPlace(repository.mount(i)) + "/2009/" + std::to_string(getpid()) + "-" + std::to_string(number) +
                     "/left",
@@ -639,6 +639,9 @@ TEST_F(RelocationTest, AResourceUnderTwoNamesIsNotMovedIntoItself) {
       makeDirectories(origin());
     EXPECT_EQ(move(), 2);
     EXPECT_TRUE(isThere(origin()));
+    const FailingCall full("mkdir", ENOSPC, "lost+found");
+    EXPECT_EQ(move(), 2);
+    EXPECT_TRUE(isThere(origin())) << "where what goes is deleted in its place";
   }
 }
 
