@@ -25,7 +25,7 @@ void receive(int descriptor) {
 
 void endWithParent(pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  const pid_t now = getppid();  // 0 where it is in another process id namespace
+  const pid_t now = getppid();              // 0 where it is in another process id namespace
   if (now != parent && now != 0) _exit(1);  // it ended before it could be asked
 }
 
