@@ -96,12 +96,11 @@ bool drop(const char* copy, const char* kept) {
 // one that stays; or what to report.
 int joinCopies(OwnedChars& earlier, OwnedChars later, int laterMountStatus) {
   if (safety::dropsContainedCopies()) {
-    const bool isDropped = drop(earlier.get(), later.get());
-    if (!isDropped && drop(later.get(), earlier.get())) return kResourceFound;
-    if (isDropped) {
+    if (drop(earlier.get(), later.get())) {
       earlier = std::move(later);
       return kResourceFound;
     }
+    if (drop(later.get(), earlier.get())) return kResourceFound;
   }
   if (!canJoin(earlier.get(), laterMountStatus)) return kResourceConflict;
   const int moved = moveRes(earlier.get(), later.get());
